@@ -1,0 +1,8 @@
+#include "Assertions.h"
+#include "IMeasurable.h"
+
+namespace Lexarium {
+
+IMeasurable::~IMeasurable() = default;
+
+}  // namespace Lexarium

@@ -1,0 +1,116 @@
+#ifndef QUORVEX_RC_H
+#define QUORVEX_RC_H
+
+#include <cstdint>
+#include <new>
+#include <utility>
+
+// Shared state of one Rc: the count of handles and the object they share.
+// The state owns the object and deletes it through T's own destructor, so a
+// polymorphic T is destroyed through its virtual destructor.
+template <typename T>
+struct _RcState {
+    uint64_t ref_count;
+    T* object;
+
+    _RcState(T* object_) : ref_count(1), object(object_) {}
+    ~_RcState() { delete object; }
+    _RcState(const _RcState&) = delete;
+    _RcState& operator=(const _RcState&) = delete;
+
+    // Destroys the state and its object. Kept out of line on purpose: when a
+    // caller's handles are all inlined, g++ cannot see that the count keeps
+    // the other copies from reaching a freed state, and its use-after-free
+    // warning would fire in every program that copies a handle.
+    __attribute__((noinline)) static void destroy(_RcState* state) noexcept { delete state; }
+};
+
+// Rc<T>: the library's reference-counted handle. One pointer wide; copies
+// share one _RcState. The count is a plain integer: a handle and all of its
+// copies belong to one thread at a time.
+template <typename T>
+class Rc {
+public:
+    // The null handle.
+    Rc() noexcept : state(nullptr) {}
+
+    // Takes ownership of `object`, which was just allocated with new. If the
+    // state block cannot be allocated, `object` is deleted and bad_alloc
+    // propagates, so nothing leaks.
+    explicit Rc(T* object) : state(nullptr) {
+        try {
+            this->state = new _RcState<T>(object);
+        } catch (...) {
+            delete object;
+            throw;
+        }
+    }
+
+    Rc(const Rc& other) noexcept : state(other.state) {
+        if (this->state != nullptr) {
+            ++this->state->ref_count;
+        }
+    }
+
+    Rc(Rc&& other) noexcept : state(other.state) { other.state = nullptr; }
+
+    // Takes the new reference before releasing the old one, so assigning a
+    // handle to itself (or to a copy of itself) is safe.
+    Rc& operator=(const Rc& other) noexcept {
+        if (other.state != nullptr) {
+            ++other.state->ref_count;
+        }
+        this->_unref();
+        this->state = other.state;
+        return *this;
+    }
+
+    Rc& operator=(Rc&& other) noexcept {
+        if (this != &other) {
+            this->_unref();
+            this->state = other.state;
+            other.state = nullptr;
+        }
+        return *this;
+    }
+
+    ~Rc() { this->_unref(); }
+
+    // Releases this handle's reference. The last reference destroys the
+    // object and the state and nulls this handle; otherwise the handle keeps
+    // its now stale pointer, so _unref() must only end a handle's life (the
+    // destructor and the assignments are its only callers in the library).
+    void _unref() noexcept {
+        if (this->state == nullptr) {
+            return;
+        }
+        if (this->state->ref_count-- > 1) {
+            return;
+        }
+        _RcState<T>::destroy(this->state);
+        this->state = nullptr;
+    }
+
+    // Access makes no null check: dereferencing a null handle is a bug.
+    T* operator->() const noexcept { return this->state->object; }
+    T& operator*() const noexcept { return *this->state->object; }
+
+    // The object, or null for a null handle.
+    T* get() const noexcept { return this->state == nullptr ? nullptr : this->state->object; }
+    explicit operator bool() const noexcept { return this->get() != nullptr; }
+    bool is_null() const noexcept { return this->state == nullptr; }
+
+    // How many handles share the object; 0 for a null handle.
+    uint64_t get_ref_count() const noexcept { return this->state == nullptr ? 0 : this->state->ref_count; }
+
+private:
+    _RcState<T>* state;
+};
+
+// Builds a T from `args` and hands it out in a fresh handle (count 1).
+template <typename T, typename... Args>
+Rc<T> make_rc(Args&&... args) {
+    return Rc<T>(new T(std::forward<Args>(args)...));
+}
+
+#endif

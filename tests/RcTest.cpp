@@ -1,0 +1,128 @@
+#include <gtest/gtest.h>
+
+#include <new>
+#include <type_traits>
+
+#include "TestSupport.h"
+#include "TypeDefinitions.h"
+
+namespace {
+
+// Counts its destructions into a counter owned by the test.
+struct Tracked {
+    explicit Tracked(int* destroyed_) : destroyed(destroyed_) {}
+    virtual ~Tracked() { ++*destroyed; }
+    int* destroyed;
+};
+
+struct DerivedTracked : Tracked {
+    DerivedTracked(int* destroyed_, int* derived_destroyed_) : Tracked(destroyed_), derived_destroyed(derived_destroyed_) {}
+    ~DerivedTracked() override { ++*derived_destroyed; }
+    int* derived_destroyed;
+};
+
+}  // namespace
+
+TEST(Rc, NullHandlesCopyAsNullWithoutCounting) {
+    Rc<Tracked> empty;
+    Rc<Tracked> copy(empty);
+    Rc<Tracked> assigned;
+    assigned = empty;
+    EXPECT_TRUE(copy.is_null());
+    EXPECT_TRUE(assigned.is_null());
+    EXPECT_EQ(copy.get(), nullptr);
+    EXPECT_EQ(copy.get_ref_count(), 0u);
+    copy._unref();  // releasing a null handle does nothing
+    EXPECT_TRUE(copy.is_null());
+}
+
+TEST(Rc, CopiesShareOneObjectDestroyedByTheLast) {
+    int destroyed = 0;
+    {
+        Rc<Tracked> first(new Tracked(&destroyed));
+        EXPECT_EQ(first.get_ref_count(), 1u);
+        {
+            Rc<Tracked> second(first);
+            Rc<Tracked> third = second;
+            EXPECT_EQ(first.get(), third.get());
+            EXPECT_EQ(first.get_ref_count(), 3u);
+        }
+        EXPECT_EQ(first.get_ref_count(), 1u);
+        EXPECT_EQ(destroyed, 0);
+    }
+    EXPECT_EQ(destroyed, 1);
+}
+
+TEST(Rc, ExplicitUnrefDestroysOnceAtZeroAndNullsThatHandle) {
+    // _unref() ends a handle's life, so these handles live in raw storage
+    // whose destructors never run after it.
+    int destroyed = 0;
+    using Storage = std::aligned_storage_t<sizeof(Rc<Tracked>), alignof(Rc<Tracked>)>;
+    Storage storage[3];
+    auto* first = new (&storage[0]) Rc<Tracked>(new Tracked(&destroyed));
+    auto* second = new (&storage[1]) Rc<Tracked>(*first);
+    auto* third = new (&storage[2]) Rc<Tracked>(*second);
+
+    first->_unref();
+    second->_unref();
+    EXPECT_EQ(destroyed, 0);
+    EXPECT_EQ(third->get_ref_count(), 1u);
+    EXPECT_FALSE(third->is_null());
+
+    third->_unref();
+    EXPECT_EQ(destroyed, 1);
+    EXPECT_TRUE(third->is_null());
+}
+
+TEST(Rc, AssignmentTakesTheNewReferenceBeforeReleasingTheOld) {
+    int destroyed_a = 0;
+    int destroyed_b = 0;
+    Rc<Tracked> a(new Tracked(&destroyed_a));
+    Rc<Tracked> b(new Tracked(&destroyed_b));
+
+    a = a;  // self-assignment keeps the object
+    EXPECT_EQ(destroyed_a, 0);
+    EXPECT_EQ(a.get_ref_count(), 1u);
+
+    Rc<Tracked> a_copy = a;
+    a_copy = a_copy;
+    EXPECT_EQ(a.get_ref_count(), 2u);
+
+    a = b;
+    EXPECT_EQ(destroyed_a, 0);  // a_copy still holds it
+    EXPECT_EQ(b.get_ref_count(), 2u);
+    a_copy = b;
+    EXPECT_EQ(destroyed_a, 1);
+    EXPECT_EQ(b.get_ref_count(), 3u);
+
+    Rc<Tracked> moved(std::move(a));
+    EXPECT_TRUE(a.is_null());
+    EXPECT_EQ(b.get_ref_count(), 3u);
+    moved = std::move(a_copy);
+    EXPECT_EQ(b.get_ref_count(), 2u);
+    EXPECT_EQ(destroyed_b, 0);
+}
+
+TEST(Rc, DestroysThroughTheVirtualDestructor) {
+    int destroyed = 0;
+    int derived_destroyed = 0;
+    { Rc<Tracked> handle(new DerivedTracked(&destroyed, &derived_destroyed)); }
+    EXPECT_EQ(destroyed, 1);
+    EXPECT_EQ(derived_destroyed, 1);
+}
+
+TEST(Rc, LastHandleOfABorrowedArrayFreesTheRecordButNotTheBytes) {
+    uint8 bytes[4] = {1, 2, 3, 4};
+    {
+        Rc<ByteArray> view(new ByteArray(bytes, 4));
+        view->is_borrowed = true;
+        Rc<ByteArray> copy = view;
+    }
+    // Freeing a stack buffer would have crashed; the bytes are untouched.
+    EXPECT_EQ(bytes[3], 4);
+}
+
+TEST(Rc, HandleIsOnePointerWide) {
+    EXPECT_EQ(sizeof(Rc<ByteArray>), sizeof(void*));
+    EXPECT_EQ(sizeof(_RcState<ByteArray>), 2 * sizeof(void*));
+}

@@ -1,0 +1,49 @@
+#!/bin/sh
+# Checks what libQuorvex.so shows the dynamic linker: its SONAME, and that it
+# exports the C functions and the public C++ classes and nothing else.
+# Usage: exported_symbols_test.sh PATH_TO_libQuorvex.so
+set -eu
+library=$1
+status=0
+
+soname=$(readelf -d "$library" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
+if [ "$soname" != "libQuorvex.so.0" ]; then
+  echo "SONAME is '$soname', expected libQuorvex.so.0"
+  status=1
+fi
+
+symbols=$(nm -D --defined-only "$library" | awk '{ $1 = ""; $2 = ""; sub(/^  /, ""); print }' | c++filt)
+
+# C functions of the three families, and members, vtables and type
+# information of ByteArray and the Lexarium classes.
+unexpected=$(printf '%s\n' "$symbols" | grep -Ev \
+  -e '^(byte_array|index_writer|index_reader|search_results?)_[a-z_]+$' \
+  -e '^ByteArray::' \
+  -e '^(typeinfo|typeinfo name|vtable) for (ByteArray|Lexarium::[A-Za-z:]+)$' \
+  -e '^Lexarium::(Writer::|Reader::)?[A-Za-z_]+(::~?[A-Za-z_]+)?(\(|::operator)' \
+  -e '^Lexarium::(Writer::|Reader::)?[a-z_]+\(' || true)
+if [ -n "$unexpected" ]; then
+  echo "unexpected exported symbols:"
+  printf '  %s\n' "$unexpected"
+  status=1
+fi
+
+for name in byte_array_new_empty byte_array_new_on_user_data byte_array_new_clone_from \
+            byte_array_new_borrow_from byte_array_get_length byte_array_get_bytes byte_array_free \
+            'ByteArray::borrow(unsigned int, unsigned int) const'; do
+  if ! printf '%s\n' "$symbols" | grep -Fxq "$name"; then
+    echo "missing exported symbol: $name"
+    status=1
+  fi
+done
+
+# Internal helpers stay hidden.
+for name in joinByteArrays make_handle release_handle make_view; do
+  if printf '%s\n' "$symbols" | grep -q "$name"; then
+    echo "internal symbol exported: $name"
+    status=1
+  fi
+done
+
+[ "$status" -eq 0 ] && echo "$(printf '%s\n' "$symbols" | wc -l) exported symbols, SONAME $soname"
+exit "$status"

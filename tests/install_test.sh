@@ -1,0 +1,31 @@
+#!/bin/sh
+# Installs the library into a temporary prefix and builds the C example
+# against it twice: through pkg-config and through find_package(Quorvex).
+# Usage: install_test.sh BUILD_DIR SOURCE_DIR
+set -eu
+build_dir=$1
+source_dir=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+prefix="$work/prefix"
+cmake --install "$build_dir" --prefix "$prefix" >"$work/install.log"
+
+libdir=$(dirname "$(find "$prefix" -name 'libQuorvex.so' | head -n 1)")
+test -n "$libdir" || { echo "libQuorvex.so was not installed"; exit 1; }
+test -f "$prefix/include/quorvex/CApi.h" || { echo "CApi.h was not installed"; exit 1; }
+test ! -e "$prefix/include/quorvex/Assertions.h" || { echo "an internal header was installed"; exit 1; }
+
+echo "== pkg-config"
+PKG_CONFIG_PATH="$libdir/pkgconfig"
+export PKG_CONFIG_PATH
+pkg-config --modversion quorvex
+cc -std=c11 -Wall -Wextra -Werror "$source_dir/examples/byte_arrays.c" \
+  $(pkg-config --cflags --libs quorvex) -Wl,-rpath,"$libdir" -o "$work/byte_arrays_pc"
+"$work/byte_arrays_pc"
+
+echo "== find_package"
+cmake -S "$source_dir/examples" -B "$work/examples" -DCMAKE_PREFIX_PATH="$prefix" \
+  -DCMAKE_BUILD_RPATH="$libdir" >"$work/configure.log"
+cmake --build "$work/examples" >"$work/build.log"
+"$work/examples/byte_arrays"
