@@ -3,14 +3,24 @@
 
 #include <cstring>
 #include <memory>
+#include <stdexcept>
 
+#include "CApiInternal.h"
 #include "TypeDefinitions.h"
+#include "Writer/IndexWriter.h"
+
+using Lexarium::Writer::IndexWriter;
+using Lexarium::Writer::_IndexData;
 
 // Every handle is a heap record with one field, `rc`, pointing at a heap
 // Rc<T> that holds one reference to the object. make_handle() and
 // release_handle() are the only places that build and tear them down.
 struct ByteArrayHandle {
     Rc<ByteArray>* rc;
+};
+
+struct IndexWriterHandle {
+    Rc<IndexWriter>* rc;
 };
 
 namespace {
@@ -32,6 +42,33 @@ void release_handle(Handle* handle) {
 }
 
 }  // namespace
+
+Rc<ByteArray> joinByteArrays(std::vector<Rc<ByteArray>>* chunks) {
+    if (chunks->size() == 1 && !chunks->at(0)->is_borrowed) {
+        return chunks->at(0);
+    }
+    uint32 total = 0;
+    for (const Rc<ByteArray>& chunk : *chunks) {
+        total += chunk->length;
+    }
+    Rc<ByteArray> joined(new ByteArray(total));
+    uint32 offset = 0;
+    for (size_t i = 0; i < chunks->size(); ++i) {
+        const Rc<ByteArray>& chunk = chunks->at(i);
+        if (chunk->length != 0) {
+            std::memcpy(joined->data + offset, chunk->data, chunk->length);
+        }
+        offset += chunk->length;
+    }
+    return joined;
+}
+
+std::string string_from_c(const char* text) {
+    if (text == nullptr) {
+        throw std::logic_error("basic_string::_M_construct null not valid");
+    }
+    return std::string(text);
+}
 
 extern "C" {
 
@@ -68,5 +105,50 @@ uint32_t byte_array_get_bytes(ByteArrayHandle* array, uint8_t** bytes) {
 }
 
 void byte_array_free(ByteArrayHandle* array) { release_handle(array); }
+
+IndexWriterHandle* index_writer_new(void) {
+    return make_handle<IndexWriterHandle>(Rc<IndexWriter>(new IndexWriter()));
+}
+
+void index_writer_add_item(IndexWriterHandle* writer, const char* key, ByteArrayHandle* value) {
+    Rc<IndexWriter> keep_writer = *writer->rc;
+    Rc<ByteArray> keep_value = *value->rc;
+    keep_writer->add_word(string_from_c(key), keep_value);
+}
+
+IndexWriterBytesResult* index_writer_to_bytes_result(IndexWriterHandle* writer) {
+    Rc<IndexWriter> keep_writer = *writer->rc;
+    Rc<_IndexData> built = keep_writer->to_bytes();
+    Rc<ByteArray> index = joinByteArrays(&built->index_chunks);
+    Rc<ByteArray> table = joinByteArrays(&built->table_chunks);
+    Rc<ByteArray> key = joinByteArrays(&built->key_chunks);
+    Rc<ByteArray> data = joinByteArrays(&built->data_chunks);
+    built = Rc<_IndexData>();  // the handles below hold the only references
+
+    std::unique_ptr<IndexWriterBytesResult> result(new IndexWriterBytesResult{nullptr, nullptr, nullptr, nullptr});
+    try {
+        result->index = make_handle<ByteArrayHandle>(std::move(index));
+        result->table = make_handle<ByteArrayHandle>(std::move(table));
+        result->key = make_handle<ByteArrayHandle>(std::move(key));
+        result->data = make_handle<ByteArrayHandle>(std::move(data));
+    } catch (...) {
+        index_writer_bytes_result_free(result.release());
+        throw;
+    }
+    return result.release();
+}
+
+void index_writer_bytes_result_free(IndexWriterBytesResult* result) {
+    if (result == nullptr) {
+        return;
+    }
+    byte_array_free(result->index);
+    byte_array_free(result->table);
+    byte_array_free(result->key);
+    byte_array_free(result->data);
+    delete result;
+}
+
+void index_writer_free(IndexWriterHandle* writer) { release_handle(writer); }
 
 }  // extern "C"

@@ -77,6 +77,50 @@ QUORVEX_API uint32_t byte_array_get_bytes(ByteArrayHandle* array, uint8_t** byte
  * only if the array owns them. NULL is ignored. */
 QUORVEX_API void byte_array_free(ByteArrayHandle* array);
 
+/* ---- Writer ------------------------------------------------------------ */
+
+/* A writer: collects (key, value) items and builds an index from them. */
+typedef struct IndexWriterHandle IndexWriterHandle;
+
+/* The four blobs of a built index. Note the order: the index blob comes
+ * first here, while index_reader_new_from_bytes takes table, index, key,
+ * data. Each field is a fresh array whose handle holds the only reference;
+ * index_writer_bytes_result_free releases the record and all four. */
+typedef struct IndexWriterBytesResult {
+    ByteArrayHandle* index; /* index.bin */
+    ByteArrayHandle* table; /* table.bin */
+    ByteArrayHandle* key;   /* key.bin */
+    ByteArrayHandle* data;  /* data.bin */
+} IndexWriterBytesResult;
+
+/* A new, empty writer. The caller releases it with index_writer_free. */
+QUORVEX_API IndexWriterHandle* index_writer_new(void);
+
+/* Adds the item (`key`, `value`) to `writer`, replacing an earlier value for
+ * the same key. `key` is NUL-terminated UTF-8 and is copied; `value` is
+ * shared, not copied, so the caller may free its handle at once, but a
+ * borrowed value's memory must stay valid until the writer is freed. Keys
+ * and values are checked when the index is built: keys must be valid UTF-8
+ * of code points U+0001..U+FFFE, at most 254 of them; values at most 65534
+ * bytes. A NULL `key` throws std::logic_error. */
+QUORVEX_API void index_writer_add_item(IndexWriterHandle* writer, const char* key, ByteArrayHandle* value);
+
+/* Builds the index from the items added so far and returns its four blobs.
+ * Build a writer once: a second call returns every posting list doubled.
+ * A key or value past the limits above stops the process with an assertion;
+ * invalid UTF-8 in a key throws std::range_error. The caller releases the
+ * result with index_writer_bytes_result_free; it does not depend on the
+ * writer, which may be freed first. */
+QUORVEX_API IndexWriterBytesResult* index_writer_to_bytes_result(IndexWriterHandle* writer);
+
+/* Releases the four arrays of `result` (index, table, key, data) and the
+ * record. NULL is ignored. */
+QUORVEX_API void index_writer_bytes_result_free(IndexWriterBytesResult* result);
+
+/* Releases the handle `writer`; the writer goes with the last reference.
+ * NULL is ignored. */
+QUORVEX_API void index_writer_free(IndexWriterHandle* writer);
+
 #ifdef __cplusplus
 }
 #endif

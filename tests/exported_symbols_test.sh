@@ -14,11 +14,12 @@ fi
 
 symbols=$(nm -D --defined-only "$library" | awk '{ $1 = ""; $2 = ""; sub(/^  /, ""); print }' | c++filt)
 
-# C functions of the three families, and members, vtables and type
-# information of ByteArray and the Lexarium classes.
+# C functions of the three families; members, vtables and type information
+# of ByteArray and the Lexarium classes; the writer's record encoders.
 unexpected=$(printf '%s\n' "$symbols" | grep -Ev \
   -e '^(byte_array|index_writer|index_reader|search_results?)_[a-z_]+$' \
   -e '^ByteArray::' \
+  -e '^push_word_(value|key)_into_data\(' \
   -e '^(typeinfo|typeinfo name|vtable) for (ByteArray|Lexarium::[A-Za-z:]+)$' \
   -e '^Lexarium::(Writer::|Reader::)?[A-Za-z_]+(::~?[A-Za-z_]+)?(\(|::operator)' \
   -e '^Lexarium::(Writer::|Reader::)?[a-z_]+\(' || true)
@@ -30,6 +31,8 @@ fi
 
 for name in byte_array_new_empty byte_array_new_on_user_data byte_array_new_clone_from \
             byte_array_new_borrow_from byte_array_get_length byte_array_get_bytes byte_array_free \
+            index_writer_new index_writer_add_item index_writer_to_bytes_result \
+            index_writer_bytes_result_free index_writer_free \
             'ByteArray::borrow(unsigned int, unsigned int) const'; do
   if ! printf '%s\n' "$symbols" | grep -Fxq "$name"; then
     echo "missing exported symbol: $name"
@@ -38,7 +41,7 @@ for name in byte_array_new_empty byte_array_new_on_user_data byte_array_new_clon
 done
 
 # Internal helpers stay hidden.
-for name in joinByteArrays make_handle release_handle make_view; do
+for name in joinByteArrays string_from_c make_handle release_handle make_view decode_well_formed _BlobBuffer; do
   if printf '%s\n' "$symbols" | grep -q "$name"; then
     echo "internal symbol exported: $name"
     status=1

@@ -6,6 +6,9 @@ namespace Lexarium::Writer {
 
 Rc<ByteArray> WritableIndexRow::to_bytes() {
     assert(this->cells.size() < 255);
+    if (this->cells.empty() && this->get_cells_count() == 0) {
+        return this->underlying_data;  // already the empty record 00
+    }
     Rc<ByteArray> record(new ByteArray(this->get_bytes_count()));
     record->data[0] = static_cast<uint8>(this->cells.size());
     uint32 position = Format::ROW_HEADER_SIZE;
@@ -25,6 +28,10 @@ static Rc<ByteArray> make_empty_row_record() {
 }
 
 WritableIndexRow::WritableIndexRow() : IndexRow(make_empty_row_record()) {}
+
+WritableIndexRow::WritableIndexRow(Rc<ByteArray> empty_record) : IndexRow(std::move(empty_record)) {
+    assert(this->underlying_data->length == Format::ROW_HEADER_SIZE && this->underlying_data->data[0] == 0);
+}
 
 WritableIndexRow::~WritableIndexRow() = default;
 

@@ -22,6 +22,10 @@ public:
     // An empty row: record 00, no cells.
     WritableIndexRow();
 
+    // An empty row that shares `empty_record`, the one-byte record 00, with
+    // other rows; it never writes to it. The writer's 65535 rows share one.
+    explicit WritableIndexRow(Rc<ByteArray> empty_record);
+
     // 1 + 8 x cells.size().
     uint32 get_bytes_count() const override;
     ~WritableIndexRow() override;
@@ -30,7 +34,8 @@ public:
     bool is_cell_has_exists(uint8 index) const override;
 
     // Rebuilds the row record from `cells` (each cell refreshing its count
-    // first), makes it `underlying_data` and returns it. A row of 255 cells or
+    // first), makes it `underlying_data` and returns it; a row without cells
+    // keeps and returns its empty record. A row of 255 cells or
     // more stops the process with "this->cells.size() < 255".
     Rc<ByteArray> to_bytes() override;
 
