@@ -7,8 +7,8 @@
 #include <locale>
 #include <random>
 #include <stdexcept>
+#include <functional>
 #include <string_view>
-#include <unordered_set>
 
 namespace Lexarium::Bench {
 
@@ -204,6 +204,51 @@ private:
     std::string corpus;
 };
 
+// The keys of a growing item list, as an open-addressing table in a single
+// allocation. A node-based set would leave a million small freed blocks
+// scattered between the items once it is gone, and every allocation the
+// writer makes afterwards would be slowed down by them.
+class KeySet {
+public:
+    KeySet(const std::vector<Item>& items, size_t capacity) : items(items) {
+        size_t size = 16;
+        while (size < capacity * 2) {
+            size <<= 1;
+        }
+        this->slots.assign(size, 0);
+    }
+
+    bool contains(std::string_view key) const { return this->slots[this->find(key)] != 0; }
+
+    // Adds the key of items[index]; false if an equal key is already there.
+    bool insert(size_t index) {
+        size_t slot = this->find(this->items[index].key);
+        if (this->slots[slot] != 0) {
+            return false;
+        }
+        if ((this->used + 1) * 2 > this->slots.size()) {
+            throw std::logic_error("KeySet: more keys than its capacity");
+        }
+        this->slots[slot] = static_cast<uint32_t>(index + 1);
+        ++this->used;
+        return true;
+    }
+
+private:
+    size_t find(std::string_view key) const {
+        size_t mask = this->slots.size() - 1;
+        size_t slot = std::hash<std::string_view>{}(key) & mask;
+        while (this->slots[slot] != 0 && this->items[this->slots[slot] - 1].key != key) {
+            slot = (slot + 1) & mask;
+        }
+        return slot;
+    }
+
+    const std::vector<Item>& items;
+    std::vector<uint32_t> slots;  // item index + 1; 0 marks an empty slot
+    size_t used = 0;
+};
+
 }  // namespace
 
 void check_utf8_encoder() {
@@ -224,29 +269,25 @@ void check_utf8_encoder() {
 ItemSet generate_items(size_t count, uint64_t seed) {
     Generator generator(seed);
     ItemSet set;
-    // The keys' storage never moves once reserved, so the set of views below
-    // stays valid while items are appended.
     set.items.reserve(count);
-    std::unordered_set<std::string_view> seen;
-    seen.reserve(count);
+    KeySet seen(set.items, count);
     while (set.items.size() < count) {
         std::string key = generator.make_key();
-        if (seen.count(key) != 0) {
+        if (seen.contains(key)) {
             continue;  // regenerate on collision, so the count is exact
         }
         Rc<ByteArray> value = generator.make_value();
         set.key_bytes += key.size();
         set.value_bytes += value->length;
         set.items.push_back(Item{std::move(key), std::move(value)});
-        seen.insert(set.items.back().key);
+        seen.insert(set.items.size() - 1);
     }
     return set;
 }
 
 void check_items(const ItemSet& set) {
     Converter converter;
-    std::unordered_set<std::string_view> seen;
-    seen.reserve(set.items.size());
+    KeySet seen(set.items, set.items.size());
     uint64_t key_bytes = 0;
     uint64_t value_bytes = 0;
     for (size_t i = 0; i < set.items.size(); ++i) {
@@ -270,7 +311,7 @@ void check_items(const ItemSet& set) {
         if (again != item.key) {
             throw std::logic_error(where + "key is not in shortest UTF-8 form");
         }
-        if (!seen.insert(item.key).second) {
+        if (!seen.insert(i)) {
             throw std::logic_error(where + "duplicate key");
         }
         if (item.value.is_null() || item.value->length < MIN_VALUE_BYTES || item.value->length > MAX_VALUE_BYTES) {

@@ -7,8 +7,11 @@
 
 #include "CApiInternal.h"
 #include "TypeDefinitions.h"
+#include "Reader/IndexReader.h"
 #include "Writer/IndexWriter.h"
 
+using Lexarium::Reader::IndexReader;
+using Lexarium::Reader::SearchResult;
 using Lexarium::Writer::IndexWriter;
 using Lexarium::Writer::_IndexData;
 
@@ -21,6 +24,16 @@ struct ByteArrayHandle {
 
 struct IndexWriterHandle {
     Rc<IndexWriter>* rc;
+};
+
+struct IndexReaderHandle {
+    Rc<IndexReader>* rc;
+};
+
+typedef std::vector<Rc<SearchResult>> SearchResultList;
+
+struct SearchResultsHandle {
+    Rc<SearchResultList>* rc;
 };
 
 namespace {
@@ -150,5 +163,53 @@ void index_writer_bytes_result_free(IndexWriterBytesResult* result) {
 }
 
 void index_writer_free(IndexWriterHandle* writer) { release_handle(writer); }
+
+IndexReaderHandle* index_reader_new_from_directory(const char* directory) {
+    return make_handle<IndexReaderHandle>(IndexReader::from_directory(string_from_c(directory)));
+}
+
+IndexReaderHandle* index_reader_new_from_files(const char* table_path, const char* index_path, const char* key_path,
+                                               const char* data_path) {
+    std::string data = string_from_c(data_path);
+    std::string key = string_from_c(key_path);
+    std::string index = string_from_c(index_path);
+    std::string table = string_from_c(table_path);
+    return make_handle<IndexReaderHandle>(IndexReader::from_files(table, index, key, data));
+}
+
+IndexReaderHandle* index_reader_new_from_bytes(ByteArrayHandle* table, ByteArrayHandle* index, ByteArrayHandle* key,
+                                               ByteArrayHandle* data) {
+    return make_handle<IndexReaderHandle>(IndexReader::from_bytes(*table->rc, *index->rc, *key->rc, *data->rc));
+}
+
+void index_reader_free(IndexReaderHandle* reader) { release_handle(reader); }
+
+SearchResultsHandle* index_reader_search(IndexReaderHandle* reader, const char* keyword, uint16_t max_results) {
+    std::string text = string_from_c(keyword);
+    return make_handle<SearchResultsHandle>((*reader->rc)->search(text, max_results));
+}
+
+int64_t search_results_get_count(SearchResultsHandle* results) {
+    return static_cast<int64_t>((*results->rc)->size());
+}
+
+SearchResultItem* search_result_item_get(SearchResultsHandle* results, uint16_t index) {
+    Rc<SearchResultList> list = *results->rc;
+    assert(index < list->size());
+    Rc<SearchResult> result = (*list)[index];
+    std::unique_ptr<SearchResultItem> item(new SearchResultItem{nullptr, nullptr});
+    item->key = make_handle<ByteArrayHandle>(result->key);
+    try {
+        item->value = make_handle<ByteArrayHandle>(result->value);
+    } catch (...) {
+        byte_array_free(item->key);
+        throw;
+    }
+    return item.release();
+}
+
+void search_results_free(SearchResultsHandle* results) { release_handle(results); }
+
+void search_result_item_free(SearchResultItem* item) { delete item; }
 
 }  // extern "C"

@@ -121,6 +121,80 @@ QUORVEX_API void index_writer_bytes_result_free(IndexWriterBytesResult* result);
  * NULL is ignored. */
 QUORVEX_API void index_writer_free(IndexWriterHandle* writer);
 
+/* ---- Reader and search ------------------------------------------------- */
+
+/* A reader: the four blobs of an index, loaded and ready to search. */
+typedef struct IndexReaderHandle IndexReaderHandle;
+
+/* The list of results of one search. */
+typedef struct SearchResultsHandle SearchResultsHandle;
+
+/* One result: two arrays that view the reader's key and data blobs (no
+ * copy). Their bytes stay valid while the reader lives (for a reader made
+ * from byte arrays: while anybody holds its key and data arrays).
+ * search_result_item_free releases only the record; the caller releases
+ * `key` and `value` with byte_array_free, before or after. */
+typedef struct SearchResultItem {
+    ByteArrayHandle* key;   /* the key's UTF-8 bytes */
+    ByteArrayHandle* value; /* the value's bytes, as they were added */
+} SearchResultItem;
+
+/* A new reader over the files table.bin, index.bin, key.bin and data.bin of
+ * `directory` (the names are appended as "/table.bin" and so on). A missing
+ * file stops the process with the assertion
+ * "std::filesystem::exists(file_path)", table.bin checked first: check that
+ * the files exist before calling. Read failures throw std::runtime_error; a
+ * NULL `directory` throws std::logic_error. The caller releases the result
+ * with index_reader_free. */
+QUORVEX_API IndexReaderHandle* index_reader_new_from_directory(const char* directory);
+
+/* As index_reader_new_from_directory, with the four files named one by one,
+ * in the order table, index, key, data. */
+QUORVEX_API IndexReaderHandle* index_reader_new_from_files(const char* table_path, const char* index_path,
+                                                           const char* key_path, const char* data_path);
+
+/* A new reader over four arrays, in the order table, index, key, data (not
+ * the order of IndexWriterBytesResult). Nothing is copied: the reader takes
+ * its own references, so the caller may free its four handles at once, but a
+ * borrowed array's memory must stay valid while the reader lives. A table
+ * blob that ends before its 65535th row stops the process with
+ * "offset + count <= this->length". The caller releases the result with
+ * index_reader_free. */
+QUORVEX_API IndexReaderHandle* index_reader_new_from_bytes(ByteArrayHandle* table, ByteArrayHandle* index,
+                                                           ByteArrayHandle* key, ByteArrayHandle* data);
+
+/* Releases the handle `reader`; the reader goes with the last reference.
+ * Results taken from it must not be read afterwards. NULL is ignored. */
+QUORVEX_API void index_reader_free(IndexReaderHandle* reader);
+
+/* The keys of `reader` that contain `keyword` (NUL-terminated UTF-8, fewer
+ * than 255 bytes), at most `max_results` of them: keys that begin with the
+ * keyword first, then keys holding it from their second character on, and
+ * so on; within one position, in key order. A key that holds the keyword at
+ * two positions is listed twice. `max_results` 0 still gives the first key
+ * that begins with the keyword, if any. A keyword of 255 bytes or more stops
+ * the process with "keyword.length() < 255"; invalid UTF-8 throws
+ * std::range_error, a NULL keyword std::logic_error. The caller releases the
+ * result with search_results_free. */
+QUORVEX_API SearchResultsHandle* index_reader_search(IndexReaderHandle* reader, const char* keyword,
+                                                     uint16_t max_results);
+
+/* The number of results in `results`. */
+QUORVEX_API int64_t search_results_get_count(SearchResultsHandle* results);
+
+/* Result number `index` of `results`, which must be below the count. The
+ * caller releases the item's `key` and `value` with byte_array_free and the
+ * record with search_result_item_free. The item stays valid after
+ * search_results_free, as long as the reader lives. */
+QUORVEX_API SearchResultItem* search_result_item_get(SearchResultsHandle* results, uint16_t index);
+
+/* Releases the handle `results`; items already taken stay valid. NULL is
+ * ignored. */
+QUORVEX_API void search_results_free(SearchResultsHandle* results);
+
+/* Frees the record `item` only, not its two arrays. NULL is ignored. */
+QUORVEX_API void search_result_item_free(SearchResultItem* item);
+
 #ifdef __cplusplus
 }
 #endif

@@ -33,6 +33,9 @@ for name in byte_array_new_empty byte_array_new_on_user_data byte_array_new_clon
             byte_array_new_borrow_from byte_array_get_length byte_array_get_bytes byte_array_free \
             index_writer_new index_writer_add_item index_writer_to_bytes_result \
             index_writer_bytes_result_free index_writer_free \
+            index_reader_new_from_directory index_reader_new_from_files index_reader_new_from_bytes \
+            index_reader_free index_reader_search search_results_get_count search_result_item_get \
+            search_results_free search_result_item_free \
             'ByteArray::borrow(unsigned int, unsigned int) const'; do
   if ! printf '%s\n' "$symbols" | grep -Fxq "$name"; then
     echo "missing exported symbol: $name"

@@ -1,0 +1,101 @@
+#ifndef QUORVEX_READER_INDEX_READER_H
+#define QUORVEX_READER_INDEX_READER_H
+
+#include <codecvt>
+#include <locale>
+#include <string>
+#include <vector>
+
+#include "IndexTable.h"
+#include "Reader/SearchResult.h"
+#include "Reader/Utf8Characters.h"
+#include "TypeDefinitions.h"
+
+namespace Lexarium::Reader {
+
+// Reads a whole file into one new owning array. A path that does not exist
+// stops the process with "std::filesystem::exists(file_path)"; a size that
+// cannot be taken (a directory) throws std::filesystem::filesystem_error;
+// open, read and close failures throw std::runtime_error with the system's
+// text (for a close, the text of the close's return value). The file is
+// closed on every path.
+QUORVEX_API Rc<ByteArray> read_file(const std::string& file_path);
+
+// IndexReader: holds the four blobs of an index and searches them. The
+// blobs are shared, never copied; the table blob is parsed once into row
+// views when the reader is made, and every search reads the other three in
+// place.
+//
+// Made only by the three factories, always inside an Rc. One thread at a
+// time: a search updates the reader's UTF-8 decoder.
+class QUORVEX_API IndexReader {
+public:
+    // Decodes keywords.
+    std::wstring_convert<std::codecvt_utf8<wchar_t>> converter;
+    Rc<ByteArray> table_bytes;
+    Rc<ByteArray> index_bytes;
+    Rc<ByteArray> key_bytes;
+    Rc<ByteArray> data_bytes;
+    // The rows of `table_bytes`, parsed by initialize().
+    Rc<IndexTable> index_table;
+
+    // A reader over the four blobs, taken in this order: table, index, key,
+    // data. The reader shares them (no copy) and keeps them alive; borrowed
+    // arrays must keep their memory valid for its whole life. None may be an
+    // empty handle. Nothing is checked but the table, which is parsed here:
+    // one that ends before its 65535th row stops the process with
+    // "offset + count <= this->length".
+    static Rc<IndexReader> from_bytes(Rc<ByteArray> table, Rc<ByteArray> index, Rc<ByteArray> key,
+                                      Rc<ByteArray> data);
+
+    // Reads the four files, in the order table, index, key, data, and makes a
+    // reader of them. The first failure stops the sequence (see read_file).
+    static Rc<IndexReader> from_files(const std::string& table_path, const std::string& index_path,
+                                      const std::string& key_path, const std::string& data_path);
+
+    // from_files on `directory` + "/table.bin", "/index.bin", "/key.bin" and
+    // "/data.bin" (plain concatenation: a trailing slash doubles, which the
+    // file system accepts).
+    static Rc<IndexReader> from_directory(std::string directory);
+
+    // Parses `table_bytes` into `index_table`, replacing an earlier parse.
+    void initialize();
+
+    // The keys that contain `keyword`, with their values, at most `limit` of
+    // them: first the keys that begin with it, then those that hold it from
+    // their second character on, and so on; within one position in key
+    // order. A key holding the keyword at two positions is listed twice.
+    // `limit` 0 still returns the first key that begins with the keyword, if
+    // any. Keys and values are views: read them only while this reader's key
+    // and data arrays live.
+    //
+    // `keyword` is UTF-8 of fewer than 255 bytes ("keyword.length() < 255"
+    // stops the process otherwise); invalid UTF-8 throws
+    // std::range_error("wstring_convert::from_bytes"). A record that lies
+    // outside its blob stops the process with "offset + count <= this->length".
+    Rc<std::vector<Rc<SearchResult>>> search(const std::string& keyword, uint16 limit);
+
+    // One position of the search above: appends to `results` the keys that
+    // hold `keyword` from their character number `char_position` on, at most
+    // `limit` of them (but always the first hit, even for `limit` 0), and
+    // returns how many it appended. `visited_count` grows by the number of
+    // posting-list entries examined.
+    uint16 search(const std::string& keyword, uint16 limit, std::vector<Rc<SearchResult>>* results,
+                  uint32& visited_count, uint8 char_position);
+
+    ~IndexReader();
+    IndexReader(const IndexReader&) = delete;
+    IndexReader& operator=(const IndexReader&) = delete;
+
+private:
+    IndexReader();
+
+    struct Keyword;
+    Keyword prepare(const std::string& keyword);
+    uint16 search_at(const Keyword& keyword, uint16 limit, std::vector<Rc<SearchResult>>* results,
+                     uint32& visited_count, uint8 char_position);
+};
+
+}  // namespace Lexarium::Reader
+
+#endif

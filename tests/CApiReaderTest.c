@@ -1,0 +1,100 @@
+/* The reader family driven from C, through the exported symbols only:
+ * build an index, load it from the bytes and search it, free everything. */
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "CApi.h"
+
+static int failures = 0;
+
+#define CHECK(condition)                                                     \
+    do {                                                                     \
+        if (!(condition)) {                                                  \
+            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, \
+                    #condition);                                             \
+            ++failures;                                                      \
+        }                                                                    \
+    } while (0)
+
+static int equals_text(ByteArrayHandle* array, const char* text) {
+    uint8_t* bytes = NULL;
+    uint32_t length = byte_array_get_bytes(array, &bytes);
+    return length == strlen(text) && memcmp(bytes, text, length) == 0;
+}
+
+static IndexReaderHandle* build_reader(void) {
+    static const char* const items[][2] = {{"ab", "1"}, {"cab", "2"}, {"abab", "3"}};
+    IndexWriterHandle* writer = index_writer_new();
+    for (size_t i = 0; i < sizeof items / sizeof items[0]; ++i) {
+        ByteArrayHandle* value = byte_array_new_clone_from((const uint8_t*)items[i][1], (uint32_t)strlen(items[i][1]));
+        index_writer_add_item(writer, items[i][0], value);
+        byte_array_free(value);
+    }
+    IndexWriterBytesResult* blobs = index_writer_to_bytes_result(writer);
+    index_writer_free(writer);
+    /* The reader takes table, index, key, data. */
+    IndexReaderHandle* reader = index_reader_new_from_bytes(blobs->table, blobs->index, blobs->key, blobs->data);
+    /* It holds its own references: the blobs may go at once. */
+    index_writer_bytes_result_free(blobs);
+    return reader;
+}
+
+static void searches_in_position_order(void) {
+    IndexReaderHandle* reader = build_reader();
+    SearchResultsHandle* results = index_reader_search(reader, "ab", 20);
+    static const char* const keys[] = {"ab", "abab", "cab", "abab"};
+    static const char* const values[] = {"1", "3", "2", "3"};
+    CHECK(search_results_get_count(results) == 4);
+    for (uint16_t i = 0; i < 4 && i < search_results_get_count(results); ++i) {
+        SearchResultItem* item = search_result_item_get(results, i);
+        CHECK(equals_text(item->key, keys[i]));
+        CHECK(equals_text(item->value, values[i]));
+        byte_array_free(item->key);
+        byte_array_free(item->value);
+        search_result_item_free(item);
+    }
+    search_results_free(results);
+
+    SearchResultsHandle* limited = index_reader_search(reader, "ab", 0);
+    CHECK(search_results_get_count(limited) == 1);
+    search_results_free(limited);
+
+    SearchResultsHandle* none = index_reader_search(reader, "zz", 20);
+    CHECK(search_results_get_count(none) == 0);
+    search_results_free(none);
+    index_reader_free(reader);
+}
+
+static void items_outlive_their_list(void) {
+    IndexReaderHandle* reader = build_reader();
+    SearchResultsHandle* results = index_reader_search(reader, "cab", 20);
+    SearchResultItem* item = search_result_item_get(results, 0);
+    search_results_free(results);
+    ByteArrayHandle* key = item->key;
+    ByteArrayHandle* value = item->value;
+    search_result_item_free(item); /* the record only: both arrays stay */
+    CHECK(equals_text(key, "cab"));
+    CHECK(equals_text(value, "2"));
+    byte_array_free(key);
+    byte_array_free(value);
+    index_reader_free(reader); /* last: the arrays viewed its blobs */
+}
+
+static void free_functions_accept_null(void) {
+    index_reader_free(NULL);
+    search_results_free(NULL);
+    search_result_item_free(NULL);
+}
+
+int main(void) {
+    searches_in_position_order();
+    items_outlive_their_list();
+    free_functions_accept_null();
+    if (failures != 0) {
+        fprintf(stderr, "%d check(s) failed\n", failures);
+        return 1;
+    }
+    printf("all reader checks passed\n");
+    return 0;
+}

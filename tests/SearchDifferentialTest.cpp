@@ -1,0 +1,154 @@
+// The search compared, element for element, with a brute-force reference
+// written here from the rules alone: walk every key and every character
+// position, with no index at all.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+
+#include "Reader/IndexReader.h"
+#include "WriterTestSupport.h"
+
+using Lexarium::Reader::IndexReader;
+using Lexarium::Writer::IndexWriter;
+using namespace quorvex_test;
+
+namespace {
+
+// One-, two- and three-byte characters; few enough that substrings repeat.
+const uint32 ALPHABET[] = {'a', 'b', 'n', 0xE9, 0xFC, 0x436, 0x4E2D, 0x6587};
+
+struct Key {
+    std::string full;                 // as added
+    std::vector<uint32> code_points;  // of the full key
+    std::string stored;               // as key.bin holds it
+    std::vector<size_t> starts;       // byte offset of each stored character
+    std::string value;
+};
+
+Key make_key(const std::vector<uint32>& code_points, const std::string& value) {
+    Key key;
+    key.code_points = code_points;
+    key.value = value;
+    bool full = false;  // the stored form ends at the first character that does not fit
+    for (uint32 code_point : code_points) {
+        std::string character = utf8(code_point);
+        full = full || key.stored.size() + character.size() > 254;
+        if (!full) {
+            key.starts.push_back(key.stored.size());
+            key.stored += character;
+        }
+        key.full += character;
+    }
+    return key;
+}
+
+struct Hit {
+    std::string key;
+    std::string value;
+    bool operator==(const Hit& other) const { return key == other.key && value == other.value; }
+};
+
+void PrintTo(const Hit& hit, std::ostream* out) { *out << testing::PrintToString(hit.key); }
+
+// `keyword` is valid UTF-8 here; its first character chooses the candidates.
+std::vector<Hit> reference_search(const std::map<std::string, Key>& keys, const std::string& keyword,
+                                  uint32 first_code_point, uint16 limit) {
+    std::vector<Hit> hits;
+    uint32 total = 0;
+    for (uint32 position = 0; position <= 254; ++position) {
+        uint16 wanted = static_cast<uint16>(limit - total);
+        uint16 found = 0;
+        for (const auto& entry : keys) {
+            const Key& key = entry.second;
+            if (position >= key.code_points.size() || key.code_points[position] != first_code_point) {
+                continue;
+            }
+            size_t start = position < key.starts.size() ? key.starts[position] : key.stored.size();
+            if (start + keyword.size() > key.stored.size() || key.stored.compare(start, keyword.size(), keyword) != 0) {
+                continue;
+            }
+            hits.push_back(Hit{key.stored, key.value});
+            if (++found >= wanted) {
+                break;
+            }
+        }
+        total += found;
+        if (total >= limit) {
+            break;
+        }
+    }
+    return hits;
+}
+
+std::vector<Hit> library_search(IndexReader& reader, const std::string& keyword, uint16 limit) {
+    std::vector<Hit> hits;
+    Rc<std::vector<Rc<Lexarium::Reader::SearchResult>>> results = reader.search(keyword, limit);
+    for (const auto& result : *results) {
+        hits.push_back(Hit{std::string(reinterpret_cast<const char*>(result->key->data), result->key->length),
+                           std::string(reinterpret_cast<const char*>(result->value->data), result->value->length)});
+    }
+    return hits;
+}
+
+}  // namespace
+
+TEST(SearchDifferential, AgreesWithABruteForceWalkOnRandomIndexes) {
+    std::mt19937 random(4242);
+    std::uniform_int_distribution<size_t> pick(0, std::size(ALPHABET) - 1);
+    size_t compared = 0;
+    size_t with_hits = 0;
+    for (int round = 0; round < 300; ++round) {
+        std::map<std::string, Key> keys;
+        size_t count = 1 + random() % 30;
+        for (size_t i = 0; i < count; ++i) {
+            size_t length = random() % 10 == 0 ? 60 + random() % 190 : 1 + random() % 8;
+            std::vector<uint32> code_points;
+            for (size_t j = 0; j < length; ++j) {
+                code_points.push_back(ALPHABET[pick(random)]);
+            }
+            Key key = make_key(code_points, std::to_string(round) + "/" + std::to_string(i));
+            keys[key.full] = key;
+        }
+        IndexWriter writer;
+        for (const auto& entry : keys) {
+            writer.add_word(entry.first, bytes_of(entry.second.value));
+        }
+        Blobs blobs = blobs_of(writer.to_bytes());
+        Rc<IndexReader> reader = IndexReader::from_bytes(make_bytes(blobs.table), make_bytes(blobs.index),
+                                                         make_bytes(blobs.key), make_bytes(blobs.data));
+
+        for (int query = 0; query < 25; ++query) {
+            // Mostly pieces of stored keys (1 to 6 characters from any
+            // position), sometimes random text.
+            std::vector<uint32> code_points;
+            if (random() % 4 != 0) {
+                auto entry = keys.begin();
+                std::advance(entry, random() % keys.size());
+                const std::vector<uint32>& source = entry->second.code_points;
+                size_t from = random() % source.size();
+                size_t length = 1 + random() % 6;
+                for (size_t j = from; j < source.size() && j < from + length; ++j) {
+                    code_points.push_back(source[j]);
+                }
+            } else {
+                for (size_t j = 0, length = 1 + random() % 4; j < length; ++j) {
+                    code_points.push_back(ALPHABET[pick(random)]);
+                }
+            }
+            std::string keyword;
+            for (uint32 code_point : code_points) {
+                keyword += utf8(code_point);
+            }
+            for (uint16 limit : {0, 1, 2, 3, 65535}) {
+                std::vector<Hit> expected = reference_search(keys, keyword, code_points[0], limit);
+                ASSERT_EQ(library_search(*reader, keyword, limit), expected)
+                    << "round " << round << ", keyword " << testing::PrintToString(keyword) << ", limit " << limit;
+                ++compared;
+                with_hits += expected.empty() ? 0 : 1;
+            }
+        }
+    }
+    // The comparison means something only if most searches find keys.
+    EXPECT_GT(with_hits, compared / 2);
+}

@@ -1,0 +1,79 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "Reader/Utf8Characters.h"
+#include "TestSupport.h"
+
+using Lexarium::Reader::get_bytes_count_of_char_from_unicode_string;
+using Lexarium::Reader::get_unicode_string_length;
+
+namespace {
+
+struct Walk {
+    std::vector<uint8> counts;
+    uint8 found;
+};
+
+// Walks `text` from a heap copy of exactly its size, so that a read past
+// the end shows up under AddressSanitizer.
+Walk walk(const std::string& text, uint8 wanted, uint8 capacity = 255) {
+    std::unique_ptr<uint8[]> copy(new uint8[text.size() + 1]);
+    std::copy(text.begin(), text.end(), copy.get());
+    uint8 counts[256];
+    std::fill(std::begin(counts), std::end(counts), 0xEE);
+    uint8 found = wanted;
+    get_bytes_count_of_char_from_unicode_string(counts, capacity, copy.get(), static_cast<uint8>(text.size()), &found);
+    Walk result{{}, found};
+    for (uint8 i = 0; i < found && wanted != 0; ++i) {
+        result.counts.push_back(counts[i]);
+    }
+    return result;
+}
+
+}  // namespace
+
+TEST(Utf8Characters, CountsTheBytesOfTheLeadingCharacters) {
+    struct Case {
+        std::string text;
+        uint8 wanted;
+        std::vector<uint8> counts;
+        uint8 found;
+    };
+    const std::string aeb = "a\xC3\xA9" "b";
+    for (const Case& c : {Case{aeb, 2, {1, 2}, 2}, Case{aeb, 5, {1, 2, 1}, 3}, Case{aeb, 3, {1, 2, 1}, 3},
+                          Case{aeb, 0, {}, 0}, Case{"", 4, {}, 0}, Case{"\xE4\xB8\x80\xF0\x9F\x98\x80", 9, {3, 4}, 2},
+                          // Ends in the middle of a character: the text's end closes it.
+                          Case{"a\xC3", 9, {1, 1}, 2}, Case{"\xE4\xB8", 9, {2}, 1},
+                          // A stray continuation byte at the start joins nothing before it.
+                          Case{"\xA9" "a", 9, {1, 1}, 2}}) {
+        SCOPED_TRACE(testing::PrintToString(c.text) + " wanted " + std::to_string(c.wanted));
+        Walk result = walk(c.text, c.wanted);
+        EXPECT_EQ(result.found, c.found);
+        EXPECT_EQ(result.counts, c.counts);
+    }
+}
+
+TEST(Utf8Characters, NeverWritesMoreCountsThanTheCapacity) {
+    Walk result = walk("abcdef", 6, 3);
+    EXPECT_EQ(result.found, 3);
+    EXPECT_EQ(result.counts, (std::vector<uint8>{1, 1, 1}));
+}
+
+TEST(Utf8Characters, WalksA254ByteText) {
+    std::string text;
+    for (int i = 0; i < 127; ++i) {
+        text += "\xC3\xA9";
+    }
+    Walk result = walk(text, 254);
+    EXPECT_EQ(result.found, 127);
+    EXPECT_EQ(result.counts, std::vector<uint8>(127, 2));
+}
+
+TEST(Utf8Characters, StringLengthCountsCharactersUpToTheFirstZeroByte) {
+    EXPECT_EQ(get_unicode_string_length("a\xC3\xA9" "b"), 3u);
+    EXPECT_EQ(get_unicode_string_length(std::string("a\0b", 3)), 1u);
+    EXPECT_EQ(get_unicode_string_length(std::string("\0b", 2)), 0u);
+    EXPECT_EQ(get_unicode_string_length(""), 0u);
+    EXPECT_EQ(get_unicode_string_length("\xE4\xB8\x80\xF0\x9F\x98\x80"), 2u);
+}
