@@ -3,6 +3,7 @@
 #
 #   make                         optimised build in build/
 #   make test                    the whole suite, normal and sanitized builds
+#   make bench                   the benchmarks, optimised, in build/
 #   make install PREFIX=/opt/q   install the library, headers and packages
 
 BUILD_DIR    ?= build
@@ -12,10 +13,11 @@ JOBS         ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_ARGS   ?=
 
 BUILD_PACKAGES := cmake make g++ gcc binutils libgtest-dev pkg-config
+BENCH_PACKAGES := libbenchmark-dev
 
 ENSURE := scripts/ensure-packages
 
-.PHONY: all build configure test test-sanitize install clean
+.PHONY: all build configure test test-sanitize bench install clean
 
 all: build
 
@@ -36,6 +38,14 @@ test-sanitize:
 	cmake -S . -B $(SANITIZE_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUORVEX_SANITIZE=ON -DQUORVEX_WERROR=ON $(CMAKE_ARGS)
 	cmake --build $(SANITIZE_DIR) -j $(JOBS)
 	ctest --test-dir $(SANITIZE_DIR) --output-on-failure -j $(JOBS)
+
+# BENCH_ARGS passes options to the benchmark programs, for example
+# BENCH_ARGS=--benchmark_filter=Empty
+bench:
+	@$(ENSURE) $(BUILD_PACKAGES) $(BENCH_PACKAGES)
+	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=Release -DQUORVEX_WERROR=ON -DQUORVEX_BUILD_BENCH=ON $(CMAKE_ARGS)
+	cmake --build $(BUILD_DIR) -j $(JOBS)
+	$(BUILD_DIR)/bench/quorvex_bench_writer $(BENCH_ARGS)
 
 install: build
 	cmake --install $(BUILD_DIR) --prefix $(PREFIX)

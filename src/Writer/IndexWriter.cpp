@@ -32,20 +32,20 @@ uint32 push_word_value_into_data(IndexDataCollection* data, const my_item_signat
 
 namespace Lexarium::Writer {
 
+// A new cell with room for six offsets, the allocator's smallest block.
+static Rc<WritableIndexCell> new_cell() {
+    Rc<WritableIndexCell> cell(new WritableIndexCell());
+    cell->key_offsets.reserve(6);
+    return cell;
+}
+
 // One pass over the items in key order: value and key records, then the
 // key's offset into cell `position` of the row of each of its code points
 // (positions of the full key, low 8 bits). push_indexes_into_data follows.
 Rc<_IndexData> IndexWriter::to_bytes() {
     Rc<_IndexData> result(new _IndexData());
-    uint64_t data_bytes = 0;
-    uint64_t key_bytes = 0;
-    for (const my_item_signature_& item : this->words) {
-        data_bytes += VALUE_RECORD_HEADER_SIZE + item.second->length;
-        key_bytes += KEY_RECORD_HEADER_SIZE + std::min<uint64_t>(item.first.size(), MAX_STORED_KEY_BYTES);
-    }
-    result->pending_data->reserve(data_bytes);
-    result->pending_keys->reserve(key_bytes);
-
+    result->pending_data->reserve(this->expected_data_bytes);
+    result->pending_keys->reserve(this->expected_key_bytes);
     uint32 data_offset = 0;
     uint32 key_offset = 0;
     std::vector<uint32> code_points;
@@ -59,7 +59,7 @@ Rc<_IndexData> IndexWriter::to_bytes() {
             uint8 position = static_cast<uint8>(i);
             WritableIndexRow& row = static_cast<WritableIndexRow&>(*this->table->rows[unicode]);
             if (!(position < row.cells.size())) {
-                row.set(position, Rc<WritableIndexCell>(new WritableIndexCell()));
+                row.set(position, new_cell());
             }
             row.cells[position]->key_offsets.push_back(key_offset);
         }
@@ -134,11 +134,15 @@ IndexWriter::~IndexWriter() = default;
 
 void IndexWriter::add_word(const std::string& key, Rc<ByteArray> value) {
     auto position = this->words.lower_bound(key);
+    uint32 value_length = value->length;
     if (position != this->words.end() && position->first == key) {
+        this->expected_data_bytes -= position->second->length;
         position->second = std::move(value);
     } else {
         this->words.emplace_hint(position, key, std::move(value));
+        this->expected_key_bytes += KEY_RECORD_HEADER_SIZE + std::min<uint64_t>(key.size(), MAX_STORED_KEY_BYTES);
     }
+    this->expected_data_bytes += VALUE_RECORD_HEADER_SIZE + value_length;
 }
 
 void IndexWriter::push_indexes_into_data(_IndexData* data) {

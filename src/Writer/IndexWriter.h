@@ -121,6 +121,12 @@ public:
     // and data.bin into it, overwriting those four and nothing else. The
     // names are appended as "/table.bin" and so on.
     void write_into_directory_with_default_file_name(const std::string& directory);
+
+private:
+    // What the items added so far need in data.bin and (at most) in key.bin,
+    // kept up to date by add_word so that a build sizes its blobs at once.
+    uint64_t expected_data_bytes = 0;
+    uint64_t expected_key_bytes = 0;
 };
 
 // Writes `chunks` one after the other into the file at `path`, creating or
