@@ -1,6 +1,7 @@
 # Front door of the Quorvex build. Each target installs the Debian packages
 # it needs when they are missing, configures with CMake and builds.
 #
+#   make demo                    build an index of a real dictionary and search it
 #   make                         optimised build in build/
 #   make test                    the whole suite, normal and sanitized builds
 #   make bench                   the benchmarks, optimised, in build/
@@ -12,12 +13,13 @@ PREFIX       ?= /usr/local
 JOBS         ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_ARGS   ?=
 
-BUILD_PACKAGES := cmake make g++ gcc binutils libgtest-dev pkg-config
+BUILD_PACKAGES := cmake make g++ gcc binutils libgtest-dev pkg-config \
+                  libcli11-dev nlohmann-json3-dev zlib1g-dev
 BENCH_PACKAGES := libbenchmark-dev
 
 ENSURE := scripts/ensure-packages
 
-.PHONY: all build configure test test-sanitize bench install clean
+.PHONY: all build configure test test-sanitize bench demo install clean
 
 all: build
 
@@ -38,6 +40,9 @@ test-sanitize:
 	cmake -S . -B $(SANITIZE_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUORVEX_SANITIZE=ON -DQUORVEX_WERROR=ON $(CMAKE_ARGS)
 	cmake --build $(SANITIZE_DIR) -j $(JOBS)
 	ctest --test-dir $(SANITIZE_DIR) --output-on-failure -j $(JOBS)
+
+demo: build
+	scripts/demo.sh $(BUILD_DIR)
 
 # BENCH_ARGS passes options to the benchmark programs, for example
 # BENCH_ARGS=--benchmark_filter=Empty

@@ -1,0 +1,335 @@
+// quorvex build: read items, check every one, settle duplicates, build the
+// index and put it in place atomically.
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <map>
+#include <set>
+#include <stdexcept>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <Writer/IndexWriter.h>
+
+#include "Commands.h"
+#include "IndexFiles.h"
+#include "ItemSources.h"
+#include "Progress.h"
+#include "Text.h"
+
+namespace quorvex_tool {
+
+namespace {
+
+const char* const BLOB_NAMES[] = {"table.bin", "index.bin", "key.bin", "data.bin"};
+
+// ---- The staging directory, removed again if the build fails or is
+// interrupted. The signal handler only unlinks precomputed paths, which is
+// safe to do from a handler.
+
+char staged_paths[5][4096];
+volatile sig_atomic_t staging_active = 0;
+
+void remove_staging_from_handler() {
+    if (staging_active) {
+        for (int i = 1; i < 5; ++i) {
+            ::unlink(staged_paths[i]);
+        }
+        ::rmdir(staged_paths[0]);
+    }
+}
+
+extern "C" void on_interrupt(int signal_number) {
+    remove_staging_from_handler();
+    ::signal(signal_number, SIG_DFL);
+    ::raise(signal_number);
+}
+
+class Staging {
+public:
+    explicit Staging(const std::string& output) {
+        std::string pattern = output + ".quorvex-new-XXXXXX";
+        std::vector<char> buffer(pattern.begin(), pattern.end());
+        buffer.push_back('\0');
+        if (::mkdtemp(buffer.data()) == nullptr) {
+            throw ToolError(EXIT_DATA, output + ": cannot create a directory beside it: " + std::strerror(errno));
+        }
+        this->path = buffer.data();
+        if (this->path.size() + 16 >= sizeof staged_paths[0]) {
+            ::rmdir(this->path.c_str());
+            throw ToolError(EXIT_DATA, output + ": path too long");
+        }
+        std::snprintf(staged_paths[0], sizeof staged_paths[0], "%s", this->path.c_str());
+        for (int i = 0; i < 4; ++i) {
+            std::snprintf(staged_paths[i + 1], sizeof staged_paths[0], "%s/%s", this->path.c_str(), BLOB_NAMES[i]);
+        }
+        staging_active = 1;
+        struct sigaction action {};
+        action.sa_handler = on_interrupt;
+        sigemptyset(&action.sa_mask);
+        for (int signal_number : {SIGINT, SIGTERM, SIGHUP}) {
+            ::sigaction(signal_number, &action, nullptr);
+        }
+    }
+
+    ~Staging() {
+        if (!this->committed) {
+            remove_directory(this->path);
+        }
+        staging_active = 0;
+        for (int signal_number : {SIGINT, SIGTERM, SIGHUP}) {
+            ::signal(signal_number, SIG_DFL);
+        }
+    }
+
+    std::string file(int i) const { return this->path + "/" + BLOB_NAMES[i]; }
+
+    // Removes an index directory: its four files, then the directory.
+    static void remove_directory(const std::string& directory) {
+        for (const char* name : BLOB_NAMES) {
+            ::unlink((directory + "/" + name).c_str());
+        }
+        ::rmdir(directory.c_str());
+    }
+
+    std::string path;
+    bool committed = false;
+};
+
+void sync_path(const std::string& path, int flags) {
+    int descriptor = ::open(path.c_str(), flags);
+    if (descriptor < 0 || ::fsync(descriptor) != 0) {
+        int error = errno;
+        if (descriptor >= 0) {
+            ::close(descriptor);
+        }
+        throw ToolError(EXIT_DATA, path + ": cannot flush to disk: " + std::strerror(error));
+    }
+    ::close(descriptor);
+}
+
+std::string parent_of(const std::string& path) {
+    size_t slash = path.find_last_of('/');
+    if (slash == std::string::npos) {
+        return ".";
+    }
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// An existing output may be replaced only if it is an index directory (or
+// an empty one): a --force never deletes anything else.
+void check_replaceable(const std::string& output) {
+    DIR* directory = ::opendir(output.c_str());
+    if (directory == nullptr) {
+        throw ToolError(EXIT_DATA, output + ": exists and is not a directory; refusing to replace it");
+    }
+    std::set<std::string> allowed(std::begin(BLOB_NAMES), std::end(BLOB_NAMES));
+    std::string stranger;
+    while (dirent* entry = ::readdir(directory)) {
+        std::string name = entry->d_name;
+        if (name != "." && name != ".." && allowed.count(name) == 0) {
+            stranger = name;
+            break;
+        }
+    }
+    ::closedir(directory);
+    if (!stranger.empty()) {
+        throw ToolError(EXIT_DATA, output + ": holds " + stranger +
+                                       ", so it is not a Quorvex index directory; refusing to replace it");
+    }
+}
+
+void print_problems(const std::vector<Problem>& problems, size_t limit) {
+    size_t shown = std::min(limit, problems.size());
+    for (size_t i = 0; i < shown; ++i) {
+        const Problem& problem = problems[i];
+        std::fprintf(stderr, "quorvex: %s:%llu: %s\n", problem.location.file.c_str(),
+                     static_cast<unsigned long long>(problem.location.line), problem.reason.c_str());
+    }
+    if (problems.size() > shown) {
+        std::fprintf(stderr, "quorvex: ... and %s more\n", with_thousands(problems.size() - shown).c_str());
+    }
+}
+
+// Joins `next` to `merged` with one blank line between them.
+void append_article(std::string& merged, const std::string& next) {
+    if (!merged.empty() && merged.back() != '\n') {
+        merged += '\n';
+    }
+    merged += '\n';
+    merged += next;
+}
+
+struct Settled {
+    std::vector<SourceItem> items;
+    uint64_t merged = 0;  // items folded into an earlier one with the same key
+};
+
+// One item per key, by the duplicates policy; problems for what cannot be.
+Settled settle_duplicates(std::vector<SourceItem>&& items, const std::string& policy, std::vector<Problem>& invalid,
+                          std::vector<Problem>& fatal) {
+    Settled settled;
+    std::map<std::string, size_t> first_of_key;
+    for (SourceItem& item : items) {
+        auto found = first_of_key.find(item.key);
+        if (found == first_of_key.end()) {
+            first_of_key.emplace(item.key, settled.items.size());
+            settled.items.push_back(std::move(item));
+            continue;
+        }
+        SourceItem& earlier = settled.items[found->second];
+        if (policy == "error") {
+            fatal.push_back({item.location, "duplicate key \"" + printable(item.key) + "\" (first at line " +
+                                                std::to_string(earlier.location.line) + ")"});
+        } else if (policy == "last") {
+            earlier.value = std::move(item.value);
+            ++settled.merged;
+        } else {
+            std::string merged = earlier.value;
+            append_article(merged, item.value);
+            if (merged.size() > MAX_VALUE_BYTES) {
+                invalid.push_back({item.location, "merging this value for \"" + printable(item.key) + "\" makes " +
+                                                      std::to_string(merged.size()) + " bytes; at most 65534 fit"});
+                continue;
+            }
+            earlier.value = std::move(merged);
+            ++settled.merged;
+        }
+    }
+    return settled;
+}
+
+off_t file_size(const std::string& path) {
+    struct stat status;
+    return ::stat(path.c_str(), &status) == 0 ? status.st_size : 0;
+}
+
+}  // namespace
+
+int run_build(const BuildOptions& options) {
+    auto start = std::chrono::steady_clock::now();
+    InputFormat format;
+    try {
+        format = options.format.empty() ? format_of_file(options.input) : parse_format(options.format);
+    } catch (const std::invalid_argument& error) {
+        throw ToolError(EXIT_USAGE, error.what());
+    }
+    struct stat output_status;
+    bool output_exists = ::lstat(options.output.c_str(), &output_status) == 0;
+    if (output_exists && !options.force) {
+        throw ToolError(EXIT_DATA, options.output + ": already exists; use --force to replace it");
+    }
+    if (output_exists) {
+        check_replaceable(options.output);
+    }
+
+    Progress progress(!options.quiet && is_terminal(STDERR_FILENO));
+    progress.phase("reading " + options.input, true);
+    std::vector<SourceItem> read;
+    std::vector<Problem> invalid;
+    try {
+        read_items(options.input, format, read, invalid, [&](uint64_t count) { progress.count(count); });
+    } catch (const InputError& error) {
+        throw ToolError(EXIT_DATA, error.what());
+    }
+
+    progress.phase("checking items");
+    std::vector<SourceItem> good;
+    good.reserve(read.size());
+    for (SourceItem& item : read) {
+        std::string reason = check_item(item);
+        if (reason.empty()) {
+            good.push_back(std::move(item));
+        } else {
+            invalid.push_back({item.location, reason});
+        }
+    }
+    read.clear();
+    read.shrink_to_fit();
+    std::vector<Problem> fatal;
+    Settled settled = settle_duplicates(std::move(good), options.duplicates, invalid, fatal);
+    std::stable_sort(invalid.begin(), invalid.end(),
+                     [](const Problem& a, const Problem& b) { return a.location.line < b.location.line; });
+
+    if (!fatal.empty() || (!invalid.empty() && !options.skip_invalid)) {
+        progress.finish();
+        std::vector<Problem> all = fatal;
+        if (!options.skip_invalid) {
+            all.insert(all.end(), invalid.begin(), invalid.end());
+        }
+        print_problems(all, 20);
+        std::string hint = fatal.empty() ? "; --skip-invalid builds the rest" : "";
+        throw ToolError(EXIT_DATA, "nothing written: " + with_thousands(all.size()) + " problem(s) in " +
+                                       options.input + hint);
+    }
+
+    progress.phase("adding items", true);
+    Lexarium::Writer::IndexWriter writer;
+    uint64_t added = 0;
+    for (SourceItem& item : settled.items) {
+        Rc<ByteArray> value(new ByteArray(static_cast<uint32_t>(item.value.size())));
+        if (!item.value.empty()) {
+            std::memcpy(value->data, item.value.data(), item.value.size());
+        }
+        std::string().swap(item.value);
+        writer.add_word(item.key, value);
+        if (++added % 65536 == 0) {
+            progress.count(added);
+        }
+    }
+
+    progress.phase("building and writing the index");
+    Staging staging(options.output);
+    try {
+        writer.write_into_file(staging.file(0), staging.file(1), staging.file(2), staging.file(3));
+    } catch (const std::exception& error) {
+        throw ToolError(EXIT_DATA, staging.path + ": " + error.what());
+    }
+    for (int i = 0; i < 4; ++i) {
+        sync_path(staging.file(i), O_RDONLY);
+    }
+    mode_t mask = ::umask(0);
+    ::umask(mask);
+    ::chmod(staging.path.c_str(), 0777 & ~mask);
+    sync_path(staging.path, O_RDONLY | O_DIRECTORY);
+
+    // The one rename that makes the new index visible: a plain rename when
+    // there is nothing to replace, an exchange of the two directories when
+    // there is (then the old one, now under the staging name, goes).
+    if (!output_exists) {
+        if (::rename(staging.path.c_str(), options.output.c_str()) != 0) {
+            throw ToolError(EXIT_DATA, options.output + ": " + std::strerror(errno));
+        }
+        staging.committed = true;
+    } else if (::renameat2(AT_FDCWD, staging.path.c_str(), AT_FDCWD, options.output.c_str(), RENAME_EXCHANGE) == 0) {
+        // The staging path now holds the old index; ~Staging removes it.
+    } else {
+        throw ToolError(EXIT_DATA, options.output + ": cannot swap the new index in: " + std::strerror(errno));
+    }
+    sync_path(parent_of(options.output), O_RDONLY | O_DIRECTORY);
+    progress.finish();
+
+    if (!invalid.empty()) {
+        std::fprintf(stderr, "quorvex: skipped %s invalid item(s); the first ones:\n",
+                     with_thousands(invalid.size()).c_str());
+        print_problems(invalid, 5);
+    }
+    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    std::printf("built %s\n", options.output.c_str());
+    std::printf("  items     %s\n", with_thousands(settled.items.size()).c_str());
+    std::printf("  skipped   %s\n", with_thousands(invalid.size()).c_str());
+    std::printf("  merged    %s\n", with_thousands(settled.merged).c_str());
+    for (const char* name : BLOB_NAMES) {
+        off_t size = file_size(options.output + "/" + name);
+        std::printf("  %-9s %s (%s bytes)\n", name, human_bytes(size).c_str(), with_thousands(size).c_str());
+    }
+    std::printf("  time      %.2f s\n", seconds);
+    return EXIT_OK;
+}
+
+}  // namespace quorvex_tool

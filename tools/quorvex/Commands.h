@@ -1,0 +1,48 @@
+#ifndef QUORVEX_TOOL_COMMANDS_H
+#define QUORVEX_TOOL_COMMANDS_H
+
+#include <cstdint>
+#include <string>
+
+namespace quorvex_tool {
+
+struct BuildOptions {
+    std::string input;
+    std::string output;
+    std::string format;      // "" = from the input's file name
+    std::string duplicates = "merge";  // merge | last | error
+    bool skip_invalid = false;
+    bool force = false;
+    bool quiet = false;
+};
+
+struct SearchOptions {
+    std::string directory;
+    std::string keyword;
+    uint32_t limit = 20;
+    bool json = false;
+    bool full = false;
+    bool stats = false;
+};
+
+struct InfoOptions {
+    std::string directory;
+    bool json = false;
+};
+
+struct VerifyOptions {
+    std::string directory;
+    bool deep = false;
+    bool json = false;
+};
+
+// Each returns the process's exit code; failures that end the command are
+// thrown as ToolError.
+int run_build(const BuildOptions& options);
+int run_search(const SearchOptions& options);
+int run_info(const InfoOptions& options);
+int run_verify(const VerifyOptions& options);
+
+}  // namespace quorvex_tool
+
+#endif

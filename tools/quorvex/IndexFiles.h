@@ -1,0 +1,48 @@
+#ifndef QUORVEX_TOOL_INDEX_FILES_H
+#define QUORVEX_TOOL_INDEX_FILES_H
+
+#include <stdexcept>
+#include <string>
+
+#include <IndexVerifier.h>
+#include <TypeDefinitions.h>
+
+namespace quorvex_tool {
+
+constexpr int EXIT_OK = 0;
+constexpr int EXIT_DATA = 1;   // bad data, a damaged or missing index, a failed write
+constexpr int EXIT_USAGE = 2;  // the command line itself is wrong
+
+// A failure that ends the command with `exit_code`; what() is the message,
+// printed as "quorvex: <what>".
+class ToolError : public std::runtime_error {
+public:
+    ToolError(int exit_code_, const std::string& message) : std::runtime_error(message), exit_code(exit_code_) {}
+    int exit_code;
+};
+
+// The four blobs of an index directory, read whole and checked.
+struct IndexFiles {
+    std::string directory;
+    Rc<ByteArray> table;
+    Rc<ByteArray> index;
+    Rc<ByteArray> key;
+    Rc<ByteArray> data;
+    Lexarium::IndexVerification verification;
+};
+
+// Reads the four files of `directory`. A missing directory or file, or one
+// that cannot be read, is a ToolError (EXIT_DATA) naming it.
+IndexFiles read_index_files(const std::string& directory);
+
+// read_index_files, then the verifier's checks (`deep` or not). A damaged
+// index is a ToolError (EXIT_DATA) listing the first problems, so nothing
+// that could stop a reader is ever handed to one.
+IndexFiles load_checked_index(const std::string& directory, bool deep = false);
+
+// "DIR/table.bin: offset 12: ..." for each kept problem, one per line.
+std::string describe_problems(const IndexFiles& files, size_t limit);
+
+}  // namespace quorvex_tool
+
+#endif

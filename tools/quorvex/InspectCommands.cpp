@@ -1,0 +1,253 @@
+// quorvex search, info and verify: read an index, check it, and answer.
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <map>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <IndexKey.h>
+#include <IndexTable.h>
+#include <Reader/IndexReader.h>
+#include <nlohmann/json.hpp>
+
+#include "Commands.h"
+#include "IndexFiles.h"
+#include "Progress.h"
+#include "Text.h"
+
+namespace quorvex_tool {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double milliseconds_since(Clock::time_point start) {
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+std::string text_of(const Rc<ByteArray>& bytes) {
+    return std::string(reinterpret_cast<const char*>(bytes->data), bytes->length);
+}
+
+// A JSON value for bytes: the string itself when it is UTF-8, otherwise
+// {"bytes": base64}.
+nlohmann::json json_text(const std::string& bytes) {
+    if (is_valid_utf8(bytes)) {
+        return bytes;
+    }
+    return nlohmann::json{{"bytes", base64(bytes)}};
+}
+
+size_t terminal_columns() {
+    winsize size{};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
+        return size.ws_col;
+    }
+    return 0;
+}
+
+void check_keyword(const std::string& keyword) {
+    if (keyword.empty()) {
+        throw ToolError(EXIT_USAGE, "the keyword is empty; give at least one character");
+    }
+    if (keyword.size() >= 255) {
+        throw ToolError(EXIT_USAGE, "the keyword has " + std::to_string(keyword.size()) +
+                                        " bytes; keywords must be shorter than 255 bytes");
+    }
+    if (!is_valid_utf8(keyword)) {
+        throw ToolError(EXIT_USAGE, "the keyword is not valid UTF-8");
+    }
+}
+
+// Key lengths in characters, grouped.
+const std::pair<uint32_t, const char*> LENGTH_BUCKETS[] = {
+    {1, "1"}, {2, "2"}, {3, "3"}, {4, "4"}, {6, "5-6"}, {8, "7-8"}, {12, "9-12"}, {16, "13-16"},
+    {24, "17-24"}, {32, "25-32"}, {64, "33-64"}, {128, "65-128"}, {254, "129-254"}};
+
+}  // namespace
+
+int run_search(const SearchOptions& options) {
+    check_keyword(options.keyword);
+    Clock::time_point load_start = Clock::now();
+    IndexFiles files = load_checked_index(options.directory);
+    Rc<Lexarium::Reader::IndexReader> reader =
+        Lexarium::Reader::IndexReader::from_bytes(files.table, files.index, files.key, files.data);
+    double load_ms = milliseconds_since(load_start);
+
+    Clock::time_point search_start = Clock::now();
+    Rc<std::vector<Rc<Lexarium::Reader::SearchResult>>> results =
+        reader->search(options.keyword, static_cast<uint16>(options.limit));
+    double search_ms = milliseconds_since(search_start);
+
+    bool terminal = is_terminal(STDOUT_FILENO);
+    size_t columns = terminal ? terminal_columns() : 0;
+    for (const Rc<Lexarium::Reader::SearchResult>& result : *results) {
+        std::string key = text_of(result->key);
+        std::string value = text_of(result->value);
+        if (options.json) {
+            std::puts(nlohmann::json{{"key", json_text(key)}, {"value", json_text(value)}}.dump().c_str());
+        } else if (options.full) {
+            std::printf("%s\t%s\n", printable(key).c_str(), printable(value).c_str());
+            if (!value.empty() && value.back() != '\n') {
+                std::putchar('\n');
+            }
+        } else {
+            std::string shown_key = printable(key);
+            std::string line = printable(first_line(value));
+            if (columns > 0) {
+                size_t used = (character_count(shown_key) / 8 + 1) * 8;  // the key and its tab stop
+                line = cut_to_columns(line, columns > used ? columns - used : 0);
+            }
+            std::printf("%s\t%s\n", shown_key.c_str(), line.c_str());
+        }
+    }
+    if (options.stats) {
+        std::fprintf(stderr, "quorvex: %zu hit(s) for \"%s\" in %.3f ms (index read and checked in %.1f ms)\n",
+                     results->size(), options.keyword.c_str(), search_ms, load_ms);
+    }
+    return EXIT_OK;
+}
+
+int run_info(const InfoOptions& options) {
+    IndexFiles files = load_checked_index(options.directory);
+    std::unique_ptr<Lexarium::IndexTable> table(new Lexarium::IndexTable(files.table));
+
+    uint64_t rows_in_use = 0;
+    uint64_t cells = 0;
+    uint64_t cells_in_use = 0;
+    uint64_t entries = 0;
+    uint32_t longest = 0;
+    uint32_t longest_row = 0;
+    uint32_t longest_position = 0;
+    for (uint32_t code_point = 0; code_point < Lexarium::Format::TABLE_ROW_COUNT; ++code_point) {
+        Rc<Lexarium::IndexRow> row = (*table)[code_point];
+        bool used = false;
+        for (uint32_t position = 0; position < row->get_cells_count(); ++position) {
+            Rc<Lexarium::IndexCell> cell = row->get_cell_at_index(static_cast<uint8>(position));
+            uint32_t count = cell->get_count();
+            ++cells;
+            entries += count;
+            if (count > 0) {
+                ++cells_in_use;
+                used = true;
+            }
+            if (count > longest) {
+                longest = count;
+                longest_row = code_point;
+                longest_position = position;
+            }
+        }
+        rows_in_use += used;
+    }
+
+    std::map<uint32_t, uint64_t> lengths;  // bucket upper bound -> keys
+    uint64_t shortened = 0;
+    uint32_t offset = 0;
+    while (offset < files.key->length) {
+        Lexarium::IndexKey key(files.key->borrow(offset, Lexarium::Format::KEY_RECORD_HEADER_SIZE + files.key->data[offset + 4]));
+        std::string text = text_of(key.get_key());
+        uint32_t characters = static_cast<uint32_t>(character_count(text));
+        for (const auto& bucket : LENGTH_BUCKETS) {
+            if (characters <= bucket.first) {
+                ++lengths[bucket.first];
+                break;
+            }
+        }
+        shortened += text.size() > 250;
+        offset += key.get_bytes_count();
+    }
+
+    // The row's character, when it is one a terminal can show.
+    std::string longest_character = longest_row >= 0x20 ? encode_utf8(longest_row) : "";
+    if (!is_valid_utf8(longest_character)) {
+        longest_character.clear();
+    }
+
+    uint64_t sizes[] = {files.table->length, files.index->length, files.key->length, files.data->length};
+    const char* names[] = {"table.bin", "index.bin", "key.bin", "data.bin"};
+    if (options.json) {
+        nlohmann::json out;
+        out["items"] = files.verification.items;
+        for (int i = 0; i < 4; ++i) {
+            out["files"][names[i]] = sizes[i];
+        }
+        out["rows_in_use"] = rows_in_use;
+        out["cells"] = cells;
+        out["cells_in_use"] = cells_in_use;
+        out["posting_entries"] = entries;
+        out["longest_posting_list"] = {{"entries", longest},
+                                       {"code_point", code_point_name(longest_row)},
+                                       {"character", longest_character},
+                                       {"position", longest_position}};
+        nlohmann::json distribution = nlohmann::json::array();
+        for (const auto& bucket : LENGTH_BUCKETS) {
+            distribution.push_back({{"characters", bucket.second}, {"keys", lengths[bucket.first]}});
+        }
+        out["key_lengths"] = distribution;
+        std::puts(out.dump(2).c_str());
+        return EXIT_OK;
+    }
+    std::printf("index      %s\n", options.directory.c_str());
+    std::printf("items      %s\n", with_thousands(files.verification.items).c_str());
+    for (int i = 0; i < 4; ++i) {
+        std::printf("%-10s %s (%s bytes)\n", names[i], human_bytes(sizes[i]).c_str(), with_thousands(sizes[i]).c_str());
+    }
+    std::printf("rows       %s in use of 65,535\n", with_thousands(rows_in_use).c_str());
+    std::printf("cells      %s in use of %s\n", with_thousands(cells_in_use).c_str(), with_thousands(cells).c_str());
+    std::printf("entries    %s\n", with_thousands(entries).c_str());
+    if (longest > 0) {
+        std::printf("longest    %s entries: %s '%s' at position %u\n", with_thousands(longest).c_str(),
+                    code_point_name(longest_row).c_str(), longest_character.c_str(), longest_position);
+    }
+    std::printf("key lengths (characters):\n");
+    uint64_t most = 1;
+    for (const auto& entry : lengths) {
+        most = std::max(most, entry.second);
+    }
+    for (const auto& bucket : LENGTH_BUCKETS) {
+        uint64_t count = lengths[bucket.first];
+        std::string bar(static_cast<size_t>(40 * count / most), '#');
+        if (count > 0 && bar.empty()) {
+            bar = "#";
+        }
+        std::printf("  %7s  %10s  %s\n", bucket.second, with_thousands(count).c_str(), bar.c_str());
+    }
+    return EXIT_OK;
+}
+
+int run_verify(const VerifyOptions& options) {
+    IndexFiles files = read_index_files(options.directory);
+    files.verification =
+        Lexarium::IndexVerifier::verify(*files.table, *files.index, *files.key, *files.data, options.deep, 1000);
+    const Lexarium::IndexVerification& verification = files.verification;
+    if (options.json) {
+        nlohmann::json problems = nlohmann::json::array();
+        for (const Lexarium::IndexProblem& problem : verification.problems) {
+            problems.push_back({{"blob", problem.blob}, {"offset", problem.offset}, {"message", problem.message}});
+        }
+        nlohmann::json out{{"sound", verification.is_sound()},
+                           {"deep", options.deep},
+                           {"items", verification.items},
+                           {"problem_count", verification.problem_count},
+                           {"problems", problems}};
+        std::puts(out.dump(2).c_str());
+    } else if (verification.is_sound()) {
+        std::printf("%s: sound (%s items, %s checks)\n", options.directory.c_str(),
+                    with_thousands(verification.items).c_str(), options.deep ? "deep" : "structural");
+    } else {
+        for (const Lexarium::IndexProblem& problem : verification.problems) {
+            std::fprintf(stderr, "quorvex: %s/%s: offset %llu: %s\n", options.directory.c_str(), problem.blob.c_str(),
+                         static_cast<unsigned long long>(problem.offset), problem.message.c_str());
+        }
+        if (verification.problem_count > verification.problems.size()) {
+            std::fprintf(stderr, "quorvex: ... and %s more\n",
+                         with_thousands(verification.problem_count - verification.problems.size()).c_str());
+        }
+        std::fprintf(stderr, "quorvex: %s: damaged (%s problems)\n", options.directory.c_str(),
+                     with_thousands(verification.problem_count).c_str());
+    }
+    return verification.is_sound() ? EXIT_OK : EXIT_DATA;
+}
+
+}  // namespace quorvex_tool

@@ -1,0 +1,62 @@
+#ifndef QUORVEX_TOOL_ITEM_SOURCES_H
+#define QUORVEX_TOOL_ITEM_SOURCES_H
+
+#include <cstdint>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace quorvex_tool {
+
+// Where something came from: a file and a 1-based line.
+struct Location {
+    std::string file;
+    uint64_t line = 0;
+};
+
+// One item as read from an input, before any check.
+struct SourceItem {
+    std::string key;
+    std::string value;
+    Location location;
+};
+
+// Something wrong with one line of an input.
+struct Problem {
+    Location location;
+    std::string reason;
+};
+
+enum class InputFormat { Tsv, Jsonl, Dictd };
+
+// The format named by `name` ("tsv", "jsonl", "dictd").
+InputFormat parse_format(const std::string& name);
+
+// The format a file name suggests: .tsv/.txt, .jsonl/.ndjson, .index. Throws
+// std::invalid_argument when it suggests none.
+InputFormat format_of_file(const std::string& path);
+
+// An input that cannot be read at all (missing file, missing .dict, ...).
+class InputError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// Reads every item of `path`. Lines that do not parse become problems; the
+// rest become items, in input order. `on_progress` is called now and then
+// with the number of items read so far.
+void read_items(const std::string& path, InputFormat format, std::vector<SourceItem>& items,
+                std::vector<Problem>& problems, const std::function<void(uint64_t)>& on_progress);
+
+// Why `item` cannot go into an index, or "" when it can: an empty key, a key
+// that is not UTF-8, holds a character outside U+0001..U+FFFE or more than
+// 254 characters; a value of more than 65534 bytes.
+std::string check_item(const SourceItem& item);
+
+// Largest value an index stores.
+constexpr size_t MAX_VALUE_BYTES = 65534;
+
+}  // namespace quorvex_tool
+
+#endif

@@ -1,0 +1,80 @@
+// quorvex: build, search, inspect and verify Quorvex indexes.
+//
+// Exit codes: 0 success (a search without hits included), 1 bad data or a
+// damaged, missing or unwritable index, 2 a wrong command line.
+#include <cstdio>
+#include <exception>
+#include <new>
+
+#include <CLI/CLI.hpp>
+
+#include "Commands.h"
+#include "IndexFiles.h"
+
+using namespace quorvex_tool;
+
+int main(int argc, char** argv) {
+    CLI::App app{"quorvex: build, search, inspect and verify Quorvex substring indexes", "quorvex"};
+    app.require_subcommand(1);
+
+    BuildOptions build;
+    CLI::App* build_command = app.add_subcommand("build", "Build an index from a dictionary file");
+    build_command->add_option("--format", build.format, "Input format (default: from the file name)")
+        ->check(CLI::IsMember({"tsv", "jsonl", "dictd"}));
+    build_command->add_flag("--skip-invalid", build.skip_invalid, "Build from the valid items, skipping the others");
+    build_command->add_option("--duplicates", build.duplicates, "What to do with repeated keys (default: merge)")
+        ->check(CLI::IsMember({"merge", "last", "error"}));
+    build_command->add_flag("--force", build.force, "Replace an existing index at OUTPUT_DIR");
+    build_command->add_flag("-q,--quiet", build.quiet, "No progress display");
+    build_command->add_option("INPUT", build.input, "A .tsv, .jsonl or dictd .index file")->required();
+    build_command->add_option("OUTPUT_DIR", build.output, "Where the index goes")->required();
+
+    SearchOptions search;
+    CLI::App* search_command = app.add_subcommand("search", "Find the keys that contain a keyword");
+    search_command->add_option("--limit", search.limit, "Most hits to show (default: 20)")->check(CLI::Range(1, 65535));
+    search_command->add_flag("--json", search.json, "One JSON object per hit");
+    search_command->add_flag("--full", search.full, "Whole values instead of their first line");
+    search_command->add_flag("--stats", search.stats, "Report timings on stderr");
+    search_command->add_option("INDEX_DIR", search.directory, "An index directory")->required();
+    search_command->add_option("KEYWORD", search.keyword, "UTF-8 text to look for")->required();
+
+    InfoOptions info;
+    CLI::App* info_command = app.add_subcommand("info", "Describe an index");
+    info_command->add_flag("--json", info.json, "As one JSON object");
+    info_command->add_option("INDEX_DIR", info.directory, "An index directory")->required();
+
+    VerifyOptions verify;
+    CLI::App* verify_command = app.add_subcommand("verify", "Check that an index is sound");
+    verify_command->add_flag("--deep", verify.deep, "Also check every key against the cells that list it");
+    verify_command->add_flag("--json", verify.json, "As one JSON object");
+    verify_command->add_option("INDEX_DIR", verify.directory, "An index directory")->required();
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        int code = app.exit(error);
+        return code == 0 ? EXIT_OK : EXIT_USAGE;
+    }
+
+    try {
+        if (build_command->parsed()) {
+            return run_build(build);
+        }
+        if (search_command->parsed()) {
+            return run_search(search);
+        }
+        if (info_command->parsed()) {
+            return run_info(info);
+        }
+        return run_verify(verify);
+    } catch (const ToolError& error) {
+        std::fprintf(stderr, "quorvex: %s\n", error.what());
+        return error.exit_code;
+    } catch (const std::bad_alloc&) {
+        std::fprintf(stderr, "quorvex: out of memory\n");
+        return EXIT_DATA;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "quorvex: %s\n", error.what());
+        return EXIT_DATA;
+    }
+}
