@@ -51,6 +51,7 @@ bench:
 	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=Release -DQUORVEX_WERROR=ON -DQUORVEX_BUILD_BENCH=ON $(CMAKE_ARGS)
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 	$(BUILD_DIR)/bench/quorvex_bench_writer $(BENCH_ARGS)
+	$(BUILD_DIR)/bench/quorvex_bench_reader $(BENCH_ARGS)
 
 install: build
 	cmake --install $(BUILD_DIR) --prefix $(PREFIX)

@@ -22,10 +22,25 @@ export PKG_CONFIG_PATH
 pkg-config --modversion quorvex
 cc -std=c11 -Wall -Wextra -Werror "$source_dir/examples/byte_arrays.c" \
   $(pkg-config --cflags --libs quorvex) -Wl,-rpath,"$libdir" -o "$work/byte_arrays_pc"
+cc -std=c11 -Wall -Wextra -Werror "$source_dir/examples/build_and_search.c" \
+  $(pkg-config --cflags --libs quorvex) -Wl,-rpath,"$libdir" -o "$work/build_and_search_pc"
+"$work/build_and_search_pc"
+c++ -std=c++17 -Wall -Wextra -Werror "$source_dir/examples/build_and_search.cpp" \
+  $(pkg-config --cflags --libs quorvex) -Wl,-rpath,"$libdir" -o "$work/build_and_search_cpp_pc"
+"$work/build_and_search_cpp_pc" "$work/index-pc"
 "$work/byte_arrays_pc"
+cc -std=c11 -Wall -Wextra -Werror "$source_dir/examples/build_and_search.c" \
+  $(pkg-config --cflags --libs quorvex) -Wl,-rpath,"$libdir" -o "$work/build_and_search_pc"
+"$work/build_and_search_pc"
+c++ -std=c++17 -Wall -Wextra -Werror "$source_dir/examples/build_and_search.cpp" \
+  $(pkg-config --cflags --libs quorvex) -Wl,-rpath,"$libdir" -o "$work/build_and_search_cpp_pc"
+"$work/build_and_search_cpp_pc" "$work/index-pc"
 
 echo "== find_package"
 cmake -S "$source_dir/examples" -B "$work/examples" -DCMAKE_PREFIX_PATH="$prefix" \
   -DCMAKE_BUILD_RPATH="$libdir" >"$work/configure.log"
 cmake --build "$work/examples" >"$work/build.log"
-"$work/examples/byte_arrays"
+for program in byte_arrays_c build_and_search_c; do
+  "$work/examples/$program"
+done
+"$work/examples/build_and_search_cpp" "$work/index-cmake"
