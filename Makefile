@@ -14,7 +14,7 @@ JOBS         ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_ARGS   ?=
 
 BUILD_PACKAGES := cmake make g++ gcc binutils libgtest-dev pkg-config \
-                  libcli11-dev nlohmann-json3-dev zlib1g-dev
+                  libcli11-dev nlohmann-json3-dev zlib1g-dev valgrind
 BENCH_PACKAGES := libbenchmark-dev
 
 ENSURE := scripts/ensure-packages

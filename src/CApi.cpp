@@ -1,11 +1,13 @@
 #include "Assertions.h"
 #include "CApi.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <stdexcept>
 
 #include "CApiInternal.h"
+#include "IndexVerifier.h"
 #include "TypeDefinitions.h"
 #include "Reader/IndexReader.h"
 #include "Writer/IndexWriter.h"
@@ -52,6 +54,29 @@ void release_handle(Handle* handle) {
     }
     delete handle->rc;
     delete handle;
+}
+
+// The verdict as the C functions report it.
+int report_verification(const Lexarium::IndexVerification& verification, char** message) {
+    if (message != nullptr) {
+        std::string text;
+        if (verification.is_sound()) {
+            text = "sound";
+        }
+        for (const Lexarium::IndexProblem& problem : verification.problems) {
+            text += problem.blob + ": offset " + std::to_string(problem.offset) + ": " + problem.message + "\n";
+        }
+        if (verification.problem_count > verification.problems.size()) {
+            text += "... and " + std::to_string(verification.problem_count - verification.problems.size()) + " more\n";
+        }
+        char* copy = static_cast<char*>(std::malloc(text.size() + 1));
+        if (copy == nullptr) {
+            throw std::bad_alloc();
+        }
+        std::memcpy(copy, text.c_str(), text.size() + 1);
+        *message = copy;
+    }
+    return verification.is_sound() ? 0 : 1;
 }
 
 }  // namespace
@@ -211,5 +236,24 @@ SearchResultItem* search_result_item_get(SearchResultsHandle* results, uint16_t 
 void search_results_free(SearchResultsHandle* results) { release_handle(results); }
 
 void search_result_item_free(SearchResultItem* item) { delete item; }
+
+int index_verifier_check_directory(const char* directory, int deep, char** message) {
+    Lexarium::IndexVerification verification;
+    if (directory == nullptr) {
+        verification.problem_count = 1;
+        verification.problems.push_back(Lexarium::IndexProblem{"(null)", 0, "no directory given"});
+    } else {
+        verification = Lexarium::IndexVerifier::verify_directory(directory, deep != 0);
+    }
+    return report_verification(verification, message);
+}
+
+int index_verifier_check_bytes(ByteArrayHandle* table, ByteArrayHandle* index, ByteArrayHandle* key,
+                               ByteArrayHandle* data, int deep, char** message) {
+    return report_verification(
+        Lexarium::IndexVerifier::verify(**table->rc, **index->rc, **key->rc, **data->rc, deep != 0), message);
+}
+
+void index_verifier_message_free(char* message) { std::free(message); }
 
 }  // extern "C"

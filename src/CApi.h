@@ -195,6 +195,28 @@ QUORVEX_API void search_results_free(SearchResultsHandle* results);
 /* Frees the record `item` only, not its two arrays. NULL is ignored. */
 QUORVEX_API void search_result_item_free(SearchResultItem* item);
 
+/* ---- Verifying ----------------------------------------------------------- */
+
+/* Checks that the files table.bin, index.bin, key.bin and data.bin of
+ * `directory` form a sound index: one that index_reader_new_from_... can
+ * load and index_reader_search can search with any keyword under 255 bytes
+ * without stopping the process. With `deep` non-zero it also checks that
+ * every key is listed in exactly the cells its characters call for.
+ * Returns 0 when the index is sound, 1 when it is not (or cannot be read, or
+ * `directory` is NULL). Never stops the process, whatever the files hold.
+ * When `message` is not NULL, *message receives a description ("sound", or
+ * one problem per line: file, offset, what was expected), which the caller
+ * frees with index_verifier_message_free. */
+QUORVEX_API int index_verifier_check_directory(const char* directory, int deep, char** message);
+
+/* As index_verifier_check_directory, for four arrays in the order table,
+ * index, key, data. */
+QUORVEX_API int index_verifier_check_bytes(ByteArrayHandle* table, ByteArrayHandle* index, ByteArrayHandle* key,
+                                           ByteArrayHandle* data, int deep, char** message);
+
+/* Frees a message from index_verifier_check_...; NULL is ignored. */
+QUORVEX_API void index_verifier_message_free(char* message);
+
 #ifdef __cplusplus
 }
 #endif

@@ -81,6 +81,36 @@ static void items_outlive_their_list(void) {
     index_reader_free(reader); /* last: the arrays viewed its blobs */
 }
 
+static void verifies_without_stopping(void) {
+    IndexWriterHandle* writer = index_writer_new();
+    ByteArrayHandle* value = byte_array_new_clone_from((const uint8_t*)"v", 1);
+    index_writer_add_item(writer, "key", value);
+    byte_array_free(value);
+    IndexWriterBytesResult* blobs = index_writer_to_bytes_result(writer);
+    index_writer_free(writer);
+
+    char* message = NULL;
+    CHECK(index_verifier_check_bytes(blobs->table, blobs->index, blobs->key, blobs->data, 1, &message) == 0);
+    CHECK(message != NULL && strcmp(message, "sound") == 0);
+    index_verifier_message_free(message);
+
+    /* The blobs in the writer's order: index.bin where table.bin belongs is
+     * reported, not a reason to stop. */
+    message = NULL;
+    CHECK(index_verifier_check_bytes(blobs->index, blobs->table, blobs->key, blobs->data, 0, &message) == 1);
+    CHECK(message != NULL && strstr(message, "table.bin: offset") == message);
+    index_verifier_message_free(message);
+    index_writer_bytes_result_free(blobs);
+
+    CHECK(index_verifier_check_directory(QUORVEX_TEST_DATA_DIR "/good", 1, NULL) == 0);
+    message = NULL;
+    CHECK(index_verifier_check_directory(QUORVEX_TEST_DATA_DIR "/table-one-byte-short", 0, &message) == 1);
+    CHECK(message != NULL && strstr(message, "ends before row 65534") != NULL);
+    index_verifier_message_free(message);
+    CHECK(index_verifier_check_directory(NULL, 0, NULL) == 1);
+    index_verifier_message_free(NULL);
+}
+
 static void free_functions_accept_null(void) {
     index_reader_free(NULL);
     search_results_free(NULL);
@@ -90,6 +120,7 @@ static void free_functions_accept_null(void) {
 int main(void) {
     searches_in_position_order();
     items_outlive_their_list();
+    verifies_without_stopping();
     free_functions_accept_null();
     if (failures != 0) {
         fprintf(stderr, "%d check(s) failed\n", failures);

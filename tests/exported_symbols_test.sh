@@ -17,7 +17,7 @@ symbols=$(nm -D --defined-only "$library" | awk '{ $1 = ""; $2 = ""; sub(/^  /, 
 # C functions of the three families; members, vtables and type information
 # of ByteArray and the Lexarium classes; the writer's record encoders.
 unexpected=$(printf '%s\n' "$symbols" | grep -Ev \
-  -e '^(byte_array|index_writer|index_reader|search_results?)_[a-z_]+$' \
+  -e '^(byte_array|index_writer|index_reader|index_verifier|search_results?)_[a-z_]+$' \
   -e '^ByteArray::' \
   -e '^push_word_(value|key)_into_data\(' \
   -e '^(typeinfo|typeinfo name|vtable) for (ByteArray|Lexarium::[A-Za-z:]+)$' \
@@ -36,6 +36,7 @@ for name in byte_array_new_empty byte_array_new_on_user_data byte_array_new_clon
             index_reader_new_from_directory index_reader_new_from_files index_reader_new_from_bytes \
             index_reader_free index_reader_search search_results_get_count search_result_item_get \
             search_results_free search_result_item_free \
+            index_verifier_check_directory index_verifier_check_bytes index_verifier_message_free \
             'ByteArray::borrow(unsigned int, unsigned int) const'; do
   if ! printf '%s\n' "$symbols" | grep -Fxq "$name"; then
     echo "missing exported symbol: $name"
