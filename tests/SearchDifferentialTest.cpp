@@ -98,7 +98,7 @@ TEST(SearchDifferential, AgreesWithABruteForceWalkOnRandomIndexes) {
     std::uniform_int_distribution<size_t> pick(0, std::size(ALPHABET) - 1);
     size_t compared = 0;
     size_t with_hits = 0;
-    for (int round = 0; round < 300; ++round) {
+    for (int round = 0; round < 200; ++round) {
         std::map<std::string, Key> keys;
         size_t count = 1 + random() % 30;
         for (size_t i = 0; i < count; ++i) {
@@ -118,7 +118,7 @@ TEST(SearchDifferential, AgreesWithABruteForceWalkOnRandomIndexes) {
         Rc<IndexReader> reader = IndexReader::from_bytes(make_bytes(blobs.table), make_bytes(blobs.index),
                                                          make_bytes(blobs.key), make_bytes(blobs.data));
 
-        for (int query = 0; query < 25; ++query) {
+        for (int query = 0; query < 40; ++query) {
             // Mostly pieces of stored keys (1 to 6 characters from any
             // position), sometimes random text.
             std::vector<uint32> code_points;
