@@ -60,4 +60,14 @@ void decode(const char* text, size_t length, std::vector<uint32>& code_points, C
     code_points.assign(wide.begin(), wide.end());
 }
 
+void decode(const std::string& text, std::vector<uint32>& code_points) {
+    code_points.clear();
+    const uint8* begin = reinterpret_cast<const uint8*>(text.data());
+    if (decode_well_formed(begin, begin + text.size(), code_points)) {
+        return;
+    }
+    Converter converter;
+    decode(text, code_points, converter);
+}
+
 }  // namespace Lexarium::Utf8

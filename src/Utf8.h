@@ -24,6 +24,10 @@ inline void decode(const std::string& text, std::vector<uint32>& code_points, Co
     decode(text.data(), text.size(), code_points, converter);
 }
 
+// The same, with a converter of its own made only if the text needs one;
+// touches no shared state, so any number of threads may call it at once.
+void decode(const std::string& text, std::vector<uint32>& code_points);
+
 }  // namespace Lexarium::Utf8
 
 #endif

@@ -91,6 +91,35 @@ std::vector<Hit> library_search(IndexReader& reader, const std::string& keyword,
     return hits;
 }
 
+// The search done literally, one position at a time through the public
+// one-position search, as the two-argument search is defined to behave.
+std::vector<const uint8*> literal_walk(IndexReader& reader, const std::string& keyword, uint16 limit) {
+    std::vector<Rc<Lexarium::Reader::SearchResult>> results;
+    uint32 total = 0;
+    uint32 visited = 0;
+    for (uint32 position = 0; position <= 254; ++position) {
+        total += reader.search(keyword, static_cast<uint16>(limit - total), &results, visited,
+                               static_cast<uint8>(position));
+        if (total >= limit) {
+            break;
+        }
+    }
+    std::vector<const uint8*> keys;
+    for (const auto& result : results) {
+        keys.push_back(result->key->data);
+    }
+    return keys;
+}
+
+std::vector<const uint8*> fast_search(IndexReader& reader, const std::string& keyword, uint16 limit) {
+    std::vector<const uint8*> keys;
+    Rc<std::vector<Rc<Lexarium::Reader::SearchResult>>> results = reader.search(keyword, limit);
+    for (const auto& result : *results) {
+        keys.push_back(result->key->data);
+    }
+    return keys;
+}
+
 }  // namespace
 
 TEST(SearchDifferential, AgreesWithABruteForceWalkOnRandomIndexes) {
@@ -143,6 +172,9 @@ TEST(SearchDifferential, AgreesWithABruteForceWalkOnRandomIndexes) {
             for (uint16 limit : {0, 1, 2, 3, 65535}) {
                 std::vector<Hit> expected = reference_search(keys, keyword, code_points[0], limit);
                 ASSERT_EQ(library_search(*reader, keyword, limit), expected)
+                    << "round " << round << ", keyword " << testing::PrintToString(keyword) << ", limit " << limit;
+                // The same records, element for element, as the literal walk.
+                ASSERT_EQ(fast_search(*reader, keyword, limit), literal_walk(*reader, keyword, limit))
                     << "round " << round << ", keyword " << testing::PrintToString(keyword) << ", limit " << limit;
                 ++compared;
                 with_hits += expected.empty() ? 0 : 1;

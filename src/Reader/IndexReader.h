@@ -91,9 +91,29 @@ private:
     IndexReader();
 
     struct Keyword;
-    Keyword prepare(const std::string& keyword);
+
+    // A posting list inside index.bin: `count` little-endian uint32 entries.
+    struct PostingList {
+        const uint8* entries = nullptr;
+        uint32 count = 0;
+
+        uint32 at(uint32 i) const {
+            const uint8* p = this->entries + 4 * size_t{i};
+            return uint32{p[0]} | (uint32{p[1]} << 8) | (uint32{p[2]} << 16) | (uint32{p[3]} << 24);
+        }
+        // Moves `cursor` to the first entry not below `wanted`, galloping
+        // ahead; true when that entry is `wanted`.
+        bool seek(uint32& cursor, uint32 wanted) const;
+    };
+
+    Keyword prepare(const std::string& keyword) const;
+    bool find_list(uint32 code_point, uint32 char_position, PostingList& list) const;
     uint16 search_at(const Keyword& keyword, uint16 limit, std::vector<Rc<SearchResult>>* results,
-                     uint32& visited_count, uint8 char_position);
+                     uint32& visited_count, uint8 char_position) const;
+    uint16 search_intersecting(const Keyword& keyword, uint16 limit, std::vector<Rc<SearchResult>>* results,
+                               uint8 char_position) const;
+    bool try_entry(const Keyword& keyword, uint32 entry, uint8 char_position,
+                   std::vector<Rc<SearchResult>>* results) const;
 };
 
 }  // namespace Lexarium::Reader
