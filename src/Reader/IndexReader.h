@@ -26,11 +26,12 @@ QUORVEX_API Rc<ByteArray> read_file(const std::string& file_path);
 // views when the reader is made, and every search reads the other three in
 // place.
 //
-// Made only by the three factories, always inside an Rc. One thread at a
-// time: a search updates the reader's UTF-8 decoder.
+// Made only by the three factories, always inside an Rc. Use a reader, and
+// the handles taken from it, from one thread at a time.
 class QUORVEX_API IndexReader {
 public:
-    // Decodes keywords.
+    // A UTF-8 converter kept for code that wants one; searches decode
+    // keywords without it.
     std::wstring_convert<std::codecvt_utf8<wchar_t>> converter;
     Rc<ByteArray> table_bytes;
     Rc<ByteArray> index_bytes;
