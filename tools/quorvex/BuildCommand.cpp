@@ -211,8 +211,14 @@ off_t file_size(const std::string& path) {
 
 }  // namespace
 
-int run_build(const BuildOptions& options) {
+int run_build(const BuildOptions& given) {
     auto start = std::chrono::steady_clock::now();
+    BuildOptions options = given;
+    // "index/" names the same directory as "index"; the staging directory
+    // must go beside it, not inside it.
+    while (options.output.size() > 1 && options.output.back() == '/') {
+        options.output.pop_back();
+    }
     InputFormat format;
     try {
         format = options.format.empty() ? format_of_file(options.input) : parse_format(options.format);
