@@ -227,6 +227,9 @@ int run_build(const BuildOptions& given) {
     }
     struct stat output_status;
     bool output_exists = ::lstat(options.output.c_str(), &output_status) == 0;
+    if (output_exists && S_ISLNK(output_status.st_mode)) {
+        throw ToolError(EXIT_DATA, options.output + ": is a symbolic link; give the directory itself");
+    }
     if (output_exists && !options.force) {
         throw ToolError(EXIT_DATA, options.output + ": already exists; use --force to replace it");
     }

@@ -39,6 +39,9 @@ nlohmann::json json_text(const std::string& bytes) {
     return nlohmann::json{{"bytes", base64(bytes)}};
 }
 
+// Keys and values may hold NUL bytes: write them whole.
+void write_out(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stdout); }
+
 size_t terminal_columns() {
     winsize size{};
     if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
@@ -86,11 +89,12 @@ int run_search(const SearchOptions& options) {
         std::string key = text_of(result->key);
         std::string value = text_of(result->value);
         if (options.json) {
-            std::puts(nlohmann::json{{"key", json_text(key)}, {"value", json_text(value)}}.dump().c_str());
+            write_out(nlohmann::json{{"key", json_text(key)}, {"value", json_text(value)}}.dump() + "\n");
         } else if (options.full) {
-            std::printf("%s\t%s\n", printable(key).c_str(), printable(value).c_str());
-            if (!value.empty() && value.back() != '\n') {
-                std::putchar('\n');
+            std::string shown = printable(value);
+            write_out(printable(key) + "\t" + shown + "\n");
+            if (!shown.empty() && shown.back() != '\n') {
+                write_out("\n");
             }
         } else {
             std::string shown_key = printable(key);
@@ -99,7 +103,7 @@ int run_search(const SearchOptions& options) {
                 size_t used = (character_count(shown_key) / 8 + 1) * 8;  // the key and its tab stop
                 line = cut_to_columns(line, columns > used ? columns - used : 0);
             }
-            std::printf("%s\t%s\n", shown_key.c_str(), line.c_str());
+            write_out(shown_key + "\t" + line + "\n");
         }
     }
     if (options.stats) {

@@ -37,20 +37,27 @@ std::string read_gzip_file(const std::string& path) {
     if (file == nullptr) {
         throw InputError(path + ": " + std::strerror(errno));
     }
-    std::unique_ptr<gzFile_s, int (*)(gzFile)> closer(file, gzclose);
     gzbuffer(file, 1 << 17);
     std::string content;
     char buffer[1 << 16];
+    int code = Z_OK;
     for (;;) {
         int count = gzread(file, buffer, sizeof buffer);
-        if (count < 0) {
-            int code = 0;
-            throw InputError(path + ": not a readable gzip file (" + gzerror(file, &code) + ")");
-        }
-        if (count == 0) {
+        if (count <= 0) {
+            // 0 is the end of the data; zlib says whether it came early.
+            const char* message = gzerror(file, &code);
+            if (count < 0 || (code != Z_OK && code != Z_STREAM_END)) {
+                std::string reason = message;
+                gzclose(file);
+                throw InputError(path + ": not a complete gzip file (" + reason + ")");
+            }
             break;
         }
         content.append(buffer, static_cast<size_t>(count));
+    }
+    code = gzclose(file);
+    if (code != Z_OK) {
+        throw InputError(path + ": not a complete gzip file (the stream ends early)");
     }
     return content;
 }

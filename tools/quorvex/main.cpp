@@ -52,8 +52,12 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        int code = app.exit(error);
-        return code == 0 ? EXIT_OK : EXIT_USAGE;
+        if (error.get_exit_code() == 0) {
+            return app.exit(error);  // --help
+        }
+        std::fprintf(stderr, "quorvex: %s\nRun 'quorvex --help' or 'quorvex COMMAND --help' for usage.\n",
+                     error.what());
+        return EXIT_USAGE;
     }
 
     try {

@@ -1,0 +1,132 @@
+// The tool's rebuild stopped in the middle of writing: the earlier index
+// must come through byte for byte and still verify.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <fcntl.h>
+#include <iterator>
+#include <map>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include "IndexVerifier.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::string TOOL = QUORVEX_TOOL;
+
+class TemporaryDirectory {
+public:
+    TemporaryDirectory() {
+        std::string pattern = (fs::temp_directory_path() / "quorvex-cli-fault-XXXXXX").string();
+        path = mkdtemp(pattern.data());
+    }
+    ~TemporaryDirectory() { fs::remove_all(path); }
+    std::string path;
+};
+
+pid_t start(const std::vector<std::string>& arguments) {
+    pid_t child = fork();
+    if (child == 0) {
+        std::vector<char*> argv;
+        for (const std::string& argument : arguments) {
+            argv.push_back(const_cast<char*>(argument.c_str()));
+        }
+        argv.push_back(nullptr);
+        int null = ::open("/dev/null", O_WRONLY);
+        ::dup2(null, STDOUT_FILENO);
+        ::dup2(null, STDERR_FILENO);
+        ::execv(argv[0], argv.data());
+        ::_exit(127);
+    }
+    return child;
+}
+
+int wait_for(pid_t child) {
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return status;
+}
+
+std::string read_all(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// The staging directory of a build of `output`, once it holds a file.
+std::string wait_for_staging(const std::string& output, pid_t child) {
+    fs::path parent = fs::path(output).parent_path();
+    std::string prefix = fs::path(output).filename().string() + ".quorvex-new-";
+    for (int i = 0; i < 60000; ++i) {
+        for (const auto& entry : fs::directory_iterator(parent)) {
+            std::string name = entry.path().filename().string();
+            if (name.rfind(prefix, 0) == 0 && fs::exists(entry.path() / "table.bin")) {
+                return entry.path().string();
+            }
+        }
+        int status = 0;
+        if (::waitpid(child, &status, WNOHANG) == child) {
+            return "";  // finished before we could catch it
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(500));
+    }
+    return "";
+}
+
+// A dictionary big enough that writing its index takes a while.
+void write_big_input(const std::string& path) {
+    std::ofstream out(path, std::ios::binary);
+    std::string value(400, 'v');
+    for (int i = 0; i < 300000; ++i) {
+        out << "wort" << i << "\t" << value << i << "\n";
+    }
+}
+
+class CliFault : public testing::TestWithParam<int> {};
+
+}  // namespace
+
+TEST_P(CliFault, RebuildStoppedWhileWritingLeavesTheEarlierIndexIntact) {
+    int signal_number = GetParam();
+    TemporaryDirectory temporary;
+    std::string small = temporary.path + "/small.tsv";
+    { std::ofstream(small) << "haus\thouse\nstraße\tstreet\n"; }
+    std::string output = temporary.path + "/index";
+    ASSERT_EQ(wait_for(start({TOOL, "build", "-q", small, output})), 0);
+    std::map<std::string, std::string> before;
+    for (const char* name : {"table.bin", "index.bin", "key.bin", "data.bin"}) {
+        before[name] = read_all(output + "/" + name);
+    }
+
+    std::string big = temporary.path + "/big.tsv";
+    write_big_input(big);
+    pid_t child = start({TOOL, "build", "-q", "--force", big, output});
+    std::string staging = wait_for_staging(output, child);
+    ASSERT_FALSE(staging.empty()) << "the build never wrote a staging directory";
+    ::kill(child, signal_number);
+    int status = wait_for(child);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(WTERMSIG(status), signal_number);
+
+    for (const auto& file : before) {
+        EXPECT_EQ(read_all(output + "/" + file.first), file.second) << file.first;
+    }
+    EXPECT_TRUE(Lexarium::IndexVerifier::verify_directory(output, true).is_sound());
+    if (signal_number != SIGKILL) {
+        // A signal the tool can catch also takes its half-written files away.
+        EXPECT_FALSE(fs::exists(staging));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, CliFault, testing::Values(SIGKILL, SIGINT, SIGTERM),
+                         [](const testing::TestParamInfo<int>& info) {
+                             return info.param == SIGKILL ? std::string("Kill")
+                                    : info.param == SIGINT ? std::string("Interrupt")
+                                                           : std::string("Terminate");
+                         });
