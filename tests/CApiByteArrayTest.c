@@ -11,17 +11,8 @@
 #include <string.h>
 
 #include "CApi.h"
+#include "CCheck.h"
 
-static int failures = 0;
-
-#define CHECK(condition)                                                     \
-    do {                                                                     \
-        if (!(condition)) {                                                  \
-            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, \
-                    #condition);                                             \
-            ++failures;                                                      \
-        }                                                                    \
-    } while (0)
 
 static void empty_arrays_have_bytes(void) {
     ByteArrayHandle* empty = byte_array_new_empty(0);
@@ -120,10 +111,5 @@ int main(int argc, char** argv) {
     user_data_stays_with_the_user();
     free_accepts_null();
 
-    if (failures != 0) {
-        fprintf(stderr, "%d check(s) failed\n", failures);
-        return 1;
-    }
-    printf("all byte array checks passed\n");
-    return 0;
+    return finish("byte array");
 }

@@ -5,17 +5,8 @@
 #include <string.h>
 
 #include "CApi.h"
+#include "CCheck.h"
 
-static int failures = 0;
-
-#define CHECK(condition)                                                     \
-    do {                                                                     \
-        if (!(condition)) {                                                  \
-            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, \
-                    #condition);                                             \
-            ++failures;                                                      \
-        }                                                                    \
-    } while (0)
 
 static int equals_text(ByteArrayHandle* array, const char* text) {
     uint8_t* bytes = NULL;
@@ -122,10 +113,5 @@ int main(void) {
     items_outlive_their_list();
     verifies_without_stopping();
     free_functions_accept_null();
-    if (failures != 0) {
-        fprintf(stderr, "%d check(s) failed\n", failures);
-        return 1;
-    }
-    printf("all reader checks passed\n");
-    return 0;
+    return finish("reader");
 }

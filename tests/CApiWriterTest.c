@@ -6,17 +6,8 @@
 #include <string.h>
 
 #include "CApi.h"
+#include "CCheck.h"
 
-static int failures = 0;
-
-#define CHECK(condition)                                                     \
-    do {                                                                     \
-        if (!(condition)) {                                                  \
-            fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, \
-                    #condition);                                             \
-            ++failures;                                                      \
-        }                                                                    \
-    } while (0)
 
 static int equals(ByteArrayHandle* array, const uint8_t* expected, uint32_t length) {
     uint8_t* bytes = NULL;
@@ -94,10 +85,5 @@ int main(void) {
     empty_writer_gives_valid_empty_blobs();
     borrowed_values_are_read_at_build_time();
     free_functions_accept_null();
-    if (failures != 0) {
-        fprintf(stderr, "%d check(s) failed\n", failures);
-        return 1;
-    }
-    printf("all writer checks passed\n");
-    return 0;
+    return finish("writer");
 }

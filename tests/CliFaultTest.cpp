@@ -14,22 +14,14 @@
 #include <unistd.h>
 
 #include "IndexVerifier.h"
+#include "TestSupport.h"
 
 namespace fs = std::filesystem;
+using quorvex_test::TemporaryDirectory;
 
 namespace {
 
 const std::string TOOL = QUORVEX_TOOL;
-
-class TemporaryDirectory {
-public:
-    TemporaryDirectory() {
-        std::string pattern = (fs::temp_directory_path() / "quorvex-cli-fault-XXXXXX").string();
-        path = mkdtemp(pattern.data());
-    }
-    ~TemporaryDirectory() { fs::remove_all(path); }
-    std::string path;
-};
 
 pid_t start(const std::vector<std::string>& arguments) {
     pid_t child = fork();

@@ -24,19 +24,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class TemporaryDirectory {
-public:
-    TemporaryDirectory() {
-        std::string pattern = (fs::temp_directory_path() / "quorvex-fault-XXXXXX").string();
-        path = mkdtemp(pattern.data());
-    }
-    ~TemporaryDirectory() {
-        ::chmod(path.c_str(), 0700);
-        fs::remove_all(path);
-    }
-    std::string path;
-};
-
 std::string error_text(const std::function<void()>& action) {
     try {
         action();

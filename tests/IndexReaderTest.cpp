@@ -46,16 +46,6 @@ Rc<IndexReader> reader_of(const Items& items) {
                                    make_bytes(blobs.data));
 }
 
-class TemporaryDirectory {
-public:
-    TemporaryDirectory() {
-        std::string pattern = (fs::temp_directory_path() / "quorvex-reader-XXXXXX").string();
-        path = mkdtemp(pattern.data());
-    }
-    ~TemporaryDirectory() { fs::remove_all(path); }
-    std::string path;
-};
-
 const std::string read_file_failure =
     assertion_failure("src/Reader/IndexReader.cpp", 27, "Rc<ByteArray> Lexarium::Reader::read_file(const string&)",
                       "std::filesystem::exists(file_path)");

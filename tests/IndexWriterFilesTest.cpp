@@ -15,20 +15,6 @@ using namespace quorvex_test;
 namespace fs = std::filesystem;
 
 namespace {
-
-// A fresh directory under the system's temporary directory, removed again
-// at the end of the test.
-class TemporaryDirectory {
-public:
-    TemporaryDirectory() {
-        std::string pattern = (fs::temp_directory_path() / "quorvex-test-XXXXXX").string();
-        path = mkdtemp(pattern.data());
-        EXPECT_FALSE(path.empty());
-    }
-    ~TemporaryDirectory() { fs::remove_all(path); }
-    std::string path;
-};
-
 std::vector<uint8> read_all(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
     return std::vector<uint8>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());

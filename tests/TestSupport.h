@@ -2,9 +2,13 @@
 #define QUORVEX_TESTS_TEST_SUPPORT_H
 
 #include <cstring>
+#include <filesystem>
 #include <initializer_list>
 #include <string>
 #include <vector>
+
+#include <stdlib.h>
+#include <sys/stat.h>
 
 #include "TypeDefinitions.h"
 
@@ -68,6 +72,27 @@ inline std::vector<uint8> contents(const ByteArray& array) {
 }
 
 inline std::vector<uint8> contents(const Rc<ByteArray>& array) { return contents(*array); }
+
+// A fresh directory under the system's temporary directory, removed with
+// everything in it (even if a test made it read-only) at the end of scope.
+class TemporaryDirectory {
+public:
+    TemporaryDirectory() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "quorvex-test-XXXXXX").string();
+        if (::mkdtemp(pattern.data()) != nullptr) {
+            this->path = pattern;
+        }
+    }
+    ~TemporaryDirectory() {
+        ::chmod(this->path.c_str(), 0700);
+        std::error_code ignored;
+        std::filesystem::remove_all(this->path, ignored);
+    }
+    TemporaryDirectory(const TemporaryDirectory&) = delete;
+    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+
+    std::string path;
+};
 
 }  // namespace quorvex_test
 
