@@ -159,6 +159,49 @@ IndexReader::Keyword IndexReader::prepare(const string& keyword) const {
     return prepared;
 }
 
+// A posting list inside index.bin: `count` little-endian uint32 entries.
+struct IndexReader::PostingList {
+    const uint8* entries = nullptr;
+    uint32 count = 0;
+
+    uint32 at(uint32 i) const { return LittleEndian::load_u32(this->entries + 4 * size_t{i}); }
+
+    // Moves `cursor` to the first entry not below `wanted`, galloping ahead;
+    // true when that entry is `wanted`.
+    bool seek(uint32& cursor, uint32 wanted) const {
+        if (cursor >= this->count) {
+            return false;
+        }
+        if (this->at(cursor) >= wanted) {
+            return this->at(cursor) == wanted;
+        }
+        // Gallop: at(low) < wanted; double the step until at(high) >= wanted.
+        uint64_t low = cursor;
+        uint64_t step = 1;
+        uint64_t high = low + step;
+        while (high < this->count && this->at(static_cast<uint32>(high)) < wanted) {
+            low = high;
+            step *= 2;
+            high = low + step;
+        }
+        if (high > this->count) {
+            high = this->count;
+        }
+        // Then halve: the first entry in (low, high] not below `wanted`.
+        uint64_t first = low + 1;
+        while (first < high) {
+            uint64_t middle = first + (high - first) / 2;
+            if (this->at(static_cast<uint32>(middle)) < wanted) {
+                first = middle + 1;
+            } else {
+                high = middle;
+            }
+        }
+        cursor = static_cast<uint32>(first);
+        return cursor < this->count && this->at(cursor) == wanted;
+    }
+};
+
 bool IndexReader::find_list(uint32 code_point, uint32 char_position, PostingList& list) const {
     if (code_point >= Format::TABLE_ROW_COUNT || char_position > Format::MAX_CELLS_PER_ROW) {
         return false;
@@ -297,38 +340,5 @@ bool IndexReader::try_entry(const Keyword& keyword, uint32 entry, uint8 char_pos
     return true;
 }
 
-
-bool IndexReader::PostingList::seek(uint32& cursor, uint32 wanted) const {
-    if (cursor >= this->count) {
-        return false;
-    }
-    if (this->at(cursor) >= wanted) {
-        return this->at(cursor) == wanted;
-    }
-    // Gallop: at(low) < wanted; double the step until at(high) >= wanted.
-    uint64_t low = cursor;
-    uint64_t step = 1;
-    uint64_t high = low + step;
-    while (high < this->count && this->at(static_cast<uint32>(high)) < wanted) {
-        low = high;
-        step *= 2;
-        high = low + step;
-    }
-    if (high > this->count) {
-        high = this->count;
-    }
-    // Then halve: the first entry in (low, high] not below `wanted`.
-    uint64_t first = low + 1;
-    while (first < high) {
-        uint64_t middle = first + (high - first) / 2;
-        if (this->at(static_cast<uint32>(middle)) < wanted) {
-            first = middle + 1;
-        } else {
-            high = middle;
-        }
-    }
-    cursor = static_cast<uint32>(first);
-    return cursor < this->count && this->at(cursor) == wanted;
-}
 
 }  // namespace Lexarium::Reader

@@ -92,20 +92,7 @@ private:
     IndexReader();
 
     struct Keyword;
-
-    // A posting list inside index.bin: `count` little-endian uint32 entries.
-    struct PostingList {
-        const uint8* entries = nullptr;
-        uint32 count = 0;
-
-        uint32 at(uint32 i) const {
-            const uint8* p = this->entries + 4 * size_t{i};
-            return uint32{p[0]} | (uint32{p[1]} << 8) | (uint32{p[2]} << 16) | (uint32{p[3]} << 24);
-        }
-        // Moves `cursor` to the first entry not below `wanted`, galloping
-        // ahead; true when that entry is `wanted`.
-        bool seek(uint32& cursor, uint32 wanted) const;
-    };
+    struct PostingList;
 
     Keyword prepare(const std::string& keyword) const;
     bool find_list(uint32 code_point, uint32 char_position, PostingList& list) const;
