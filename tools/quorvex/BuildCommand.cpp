@@ -8,7 +8,6 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
-#include <map>
 #include <set>
 #include <stdexcept>
 #include <sys/stat.h>
@@ -156,54 +155,6 @@ void print_problems(const std::vector<Problem>& problems, size_t limit) {
     }
 }
 
-// Joins `next` to `merged` with one blank line between them.
-void append_article(std::string& merged, const std::string& next) {
-    if (!merged.empty() && merged.back() != '\n') {
-        merged += '\n';
-    }
-    merged += '\n';
-    merged += next;
-}
-
-struct Settled {
-    std::vector<SourceItem> items;
-    uint64_t merged = 0;  // items folded into an earlier one with the same key
-};
-
-// One item per key, by the duplicates policy; problems for what cannot be.
-Settled settle_duplicates(std::vector<SourceItem>&& items, const std::string& policy, std::vector<Problem>& invalid,
-                          std::vector<Problem>& fatal) {
-    Settled settled;
-    std::map<std::string, size_t> first_of_key;
-    for (SourceItem& item : items) {
-        auto found = first_of_key.find(item.key);
-        if (found == first_of_key.end()) {
-            first_of_key.emplace(item.key, settled.items.size());
-            settled.items.push_back(std::move(item));
-            continue;
-        }
-        SourceItem& earlier = settled.items[found->second];
-        if (policy == "error") {
-            fatal.push_back({item.location, "duplicate key \"" + printable(item.key) + "\" (first at line " +
-                                                std::to_string(earlier.location.line) + ")"});
-        } else if (policy == "last") {
-            earlier.value = std::move(item.value);
-            ++settled.merged;
-        } else {
-            std::string merged = earlier.value;
-            append_article(merged, item.value);
-            if (merged.size() > MAX_VALUE_BYTES) {
-                invalid.push_back({item.location, "merging this value for \"" + printable(item.key) + "\" makes " +
-                                                      std::to_string(merged.size()) + " bytes; at most 65534 fit"});
-                continue;
-            }
-            earlier.value = std::move(merged);
-            ++settled.merged;
-        }
-    }
-    return settled;
-}
-
 off_t file_size(const std::string& path) {
     struct stat status;
     return ::stat(path.c_str(), &status) == 0 ? status.st_size : 0;
@@ -248,28 +199,15 @@ int run_build(const BuildOptions& given) {
     }
 
     progress.phase("checking items");
-    std::vector<SourceItem> good;
-    good.reserve(read.size());
-    for (SourceItem& item : read) {
-        std::string reason = check_item(item);
-        if (reason.empty()) {
-            good.push_back(std::move(item));
-        } else {
-            invalid.push_back({item.location, reason});
-        }
-    }
-    read.clear();
-    read.shrink_to_fit();
-    std::vector<Problem> fatal;
-    Settled settled = settle_duplicates(std::move(good), options.duplicates, invalid, fatal);
-    std::stable_sort(invalid.begin(), invalid.end(),
-                     [](const Problem& a, const Problem& b) { return a.location.line < b.location.line; });
+    PreparedItems settled = prepare_items(std::move(read), std::move(invalid), options.duplicates);
+    std::vector<Problem>& invalid_items = settled.invalid;
+    std::vector<Problem>& fatal = settled.fatal;
 
-    if (!fatal.empty() || (!invalid.empty() && !options.skip_invalid)) {
+    if (!fatal.empty() || (!invalid_items.empty() && !options.skip_invalid)) {
         progress.finish();
         std::vector<Problem> all = fatal;
         if (!options.skip_invalid) {
-            all.insert(all.end(), invalid.begin(), invalid.end());
+            all.insert(all.end(), invalid_items.begin(), invalid_items.end());
         }
         print_problems(all, 20);
         std::string hint = fatal.empty() ? "; --skip-invalid builds the rest" : "";
@@ -323,15 +261,15 @@ int run_build(const BuildOptions& given) {
     sync_path(parent_of(options.output), O_RDONLY | O_DIRECTORY);
     progress.finish();
 
-    if (!invalid.empty()) {
+    if (!invalid_items.empty()) {
         std::fprintf(stderr, "quorvex: skipped %s invalid item(s); the first ones:\n",
-                     with_thousands(invalid.size()).c_str());
-        print_problems(invalid, 5);
+                     with_thousands(invalid_items.size()).c_str());
+        print_problems(invalid_items, 5);
     }
     double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::printf("built %s\n", options.output.c_str());
     std::printf("  items     %s\n", with_thousands(settled.items.size()).c_str());
-    std::printf("  skipped   %s\n", with_thousands(invalid.size()).c_str());
+    std::printf("  skipped   %s\n", with_thousands(invalid_items.size()).c_str());
     std::printf("  merged    %s\n", with_thousands(settled.merged).c_str());
     for (const char* name : BLOB_NAMES) {
         off_t size = file_size(options.output + "/" + name);

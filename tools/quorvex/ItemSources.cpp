@@ -1,8 +1,10 @@
 #include "ItemSources.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <memory>
 
 #include <nlohmann/json.hpp>
@@ -240,6 +242,48 @@ void read_dictd(const std::string& path, std::vector<SourceItem>& items, std::ve
     });
 }
 
+// Joins `next` to `merged` with one blank line between them.
+void append_article(std::string& merged, const std::string& next) {
+    if (!merged.empty() && merged.back() != '\n') {
+        merged += '\n';
+    }
+    merged += '\n';
+    merged += next;
+}
+
+// One item per key, by the duplicates policy; problems for what cannot be.
+void settle_duplicates(std::vector<SourceItem>&& items, const std::string& policy, PreparedItems& settled) {
+    std::vector<Problem>& invalid = settled.invalid;
+    std::vector<Problem>& fatal = settled.fatal;
+    std::map<std::string, size_t> first_of_key;
+    for (SourceItem& item : items) {
+        auto found = first_of_key.find(item.key);
+        if (found == first_of_key.end()) {
+            first_of_key.emplace(item.key, settled.items.size());
+            settled.items.push_back(std::move(item));
+            continue;
+        }
+        SourceItem& earlier = settled.items[found->second];
+        if (policy == "error") {
+            fatal.push_back({item.location, "duplicate key \"" + printable(item.key) + "\" (first at line " +
+                                                std::to_string(earlier.location.line) + ")"});
+        } else if (policy == "last") {
+            earlier.value = std::move(item.value);
+            ++settled.merged;
+        } else {
+            std::string merged = earlier.value;
+            append_article(merged, item.value);
+            if (merged.size() > MAX_VALUE_BYTES) {
+                invalid.push_back({item.location, "merging this value for \"" + printable(item.key) + "\" makes " +
+                                                      std::to_string(merged.size()) + " bytes; at most 65534 fit"});
+                continue;
+            }
+            earlier.value = std::move(merged);
+            ++settled.merged;
+        }
+    }
+}
+
 }  // namespace
 
 InputFormat parse_format(const std::string& name) {
@@ -300,6 +344,28 @@ std::string check_item(const SourceItem& item) {
         return "value has " + std::to_string(item.value.size()) + " bytes; at most 65534 fit";
     }
     return "";
+}
+
+PreparedItems prepare_items(std::vector<SourceItem>&& read, std::vector<Problem>&& read_problems,
+                            const std::string& policy) {
+    PreparedItems prepared;
+    prepared.invalid = std::move(read_problems);
+    std::vector<SourceItem> good;
+    good.reserve(read.size());
+    for (SourceItem& item : read) {
+        std::string reason = check_item(item);
+        if (reason.empty()) {
+            good.push_back(std::move(item));
+        } else {
+            prepared.invalid.push_back({item.location, reason});
+        }
+    }
+    read.clear();
+    read.shrink_to_fit();
+    settle_duplicates(std::move(good), policy, prepared);
+    std::stable_sort(prepared.invalid.begin(), prepared.invalid.end(),
+                     [](const Problem& a, const Problem& b) { return a.location.line < b.location.line; });
+    return prepared;
 }
 
 }  // namespace quorvex_tool

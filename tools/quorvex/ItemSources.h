@@ -54,6 +54,22 @@ void read_items(const std::string& path, InputFormat format, std::vector<SourceI
 // 254 characters; a value of more than 65534 bytes.
 std::string check_item(const SourceItem& item);
 
+// The items of an input made ready for a writer: checked one by one, then
+// one item per key by the duplicates `policy` ("merge" joins values in input
+// order with one blank line between them, "last" keeps the last, "error"
+// refuses). `invalid` holds the items that cannot go into an index (with the
+// problems read_items found), sorted by line; `fatal` the duplicates that
+// "error" refuses.
+struct PreparedItems {
+    std::vector<SourceItem> items;
+    std::vector<Problem> invalid;
+    std::vector<Problem> fatal;
+    uint64_t merged = 0;  // items folded into an earlier one with the same key
+};
+
+PreparedItems prepare_items(std::vector<SourceItem>&& read, std::vector<Problem>&& read_problems,
+                            const std::string& policy);
+
 // Largest value an index stores.
 constexpr size_t MAX_VALUE_BYTES = 65534;
 
