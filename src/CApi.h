@@ -20,9 +20,10 @@
  *     that names the condition. Failures of the system (out of memory, ...)
  *     leave the function as C++ exceptions, which a C caller cannot catch:
  *     avoid the conditions that raise them.
- *  5. Nothing is thread-safe: reference counts are plain integers, so a
- *     handle and everything that shares its object are used by one thread at
- *     a time.
+ *  5. Reference counts are plain integers: a handle and everything that
+ *     shares its object are used by one thread at a time. The one exception
+ *     is index_reader_search: several threads may search one reader at once,
+ *     each with the result lists it gets, while nobody frees the reader.
  *
  * Lengths, offsets and counts are unsigned 32-bit.
  */

@@ -26,8 +26,14 @@ QUORVEX_API Rc<ByteArray> read_file(const std::string& file_path);
 // views when the reader is made, and every search reads the other three in
 // place.
 //
-// Made only by the three factories, always inside an Rc. Use a reader, and
-// the handles taken from it, from one thread at a time.
+// Made only by the three factories, always inside an Rc.
+//
+// Threads: a search writes nothing that the reader shares, so any number of
+// threads may search one reader at the same time. What must stay on one
+// thread at a time is copying or releasing handles to the same object
+// (reference counts are plain integers): each thread keeps the results of
+// its own searches, and nobody copies, releases or reloads the reader while
+// others search it.
 class QUORVEX_API IndexReader {
 public:
     // A UTF-8 converter kept for code that wants one; searches decode
