@@ -9,6 +9,7 @@
 
 BUILD_DIR    ?= build
 SANITIZE_DIR ?= build-sanitize
+THREAD_DIR   ?= build-tsan
 PREFIX       ?= /usr/local
 JOBS         ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_ARGS   ?=
@@ -19,7 +20,7 @@ BENCH_PACKAGES := libbenchmark-dev
 
 ENSURE := scripts/ensure-packages
 
-.PHONY: all build configure test test-sanitize bench demo install clean
+.PHONY: all build configure test test-sanitize test-thread bench demo install clean
 
 all: build
 
@@ -33,6 +34,15 @@ build: configure
 test: build
 	ctest --test-dir $(BUILD_DIR) --output-on-failure -j $(JOBS)
 	$(MAKE) --no-print-directory test-sanitize
+	$(MAKE) --no-print-directory test-thread
+
+# Concurrent searches on one reader, built with ThreadSanitizer.
+test-thread:
+	@$(ENSURE) $(BUILD_PACKAGES)
+	cmake -S . -B $(THREAD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUORVEX_SANITIZE_THREAD=ON \
+	  -DQUORVEX_BUILD_TOOLS=OFF -DQUORVEX_WERROR=ON $(CMAKE_ARGS)
+	cmake --build $(THREAD_DIR) -j $(JOBS) --target ConcurrentSearchTest
+	ctest --test-dir $(THREAD_DIR) --output-on-failure -R ConcurrentSearch
 
 # The same suite built with AddressSanitizer and UndefinedBehaviorSanitizer.
 test-sanitize:
@@ -57,4 +67,24 @@ install: build
 	cmake --install $(BUILD_DIR) --prefix $(PREFIX)
 
 clean:
-	rm -rf $(BUILD_DIR) $(SANITIZE_DIR)
+	rm -rf $(BUILD_DIR) $(SANITIZE_DIR) $(THREAD_DIR) build-fuzz
+
+# libFuzzer runs of the targets in fuzz/ (see fuzz/README.md), built with
+# clang in build-fuzz/: each target runs FUZZ_SECONDS on its corpus in
+# fuzz/corpus/TARGET/, which keeps the new inputs it finds. A failing input
+# is saved in fuzz/crashers/TARGET/ and stops the run.
+FUZZ_SECONDS ?= 60
+FUZZ_PACKAGES := cmake make clang clang-14 libclang-rt-14-dev
+
+.PHONY: fuzz
+fuzz:
+	@$(ENSURE) $(FUZZ_PACKAGES)
+	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DQUORVEX_FUZZ=ON -DQUORVEX_BUILD_TOOLS=OFF -DQUORVEX_BUILD_TESTS=OFF $(CMAKE_ARGS)
+	cmake --build build-fuzz -j $(JOBS) --target fuzz_verify_then_search fuzz_build_and_compare
+	@set -e; for target in verify_then_search build_and_compare; do \
+	  mkdir -p fuzz/crashers/$$target; \
+	  echo "fuzzing $$target for $(FUZZ_SECONDS) s"; \
+	  build-fuzz/fuzz/fuzz_$$target -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 -timeout=60 \
+	    -artifact_prefix=fuzz/crashers/$$target/ fuzz/corpus/$$target; \
+	done

@@ -1,0 +1,358 @@
+// Shared by the fuzz targets and the seed maker: reading an input as a
+// stream of bytes, UTF-8 written out by hand, the brute-force search the
+// targets compare the reader with, and the checks every search result must
+// pass. Header only, so each target stays one source file plus this.
+#ifndef QUORVEX_FUZZ_SUPPORT_H
+#define QUORVEX_FUZZ_SUPPORT_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "Reader/IndexReader.h"
+#include "TypeDefinitions.h"
+
+namespace quorvex_fuzz {
+
+// Stops the process with a message; libFuzzer saves the input as a crasher.
+[[noreturn]] inline void fail(const std::string& message) {
+    std::fprintf(stderr, "quorvex fuzz: %s\n", message.c_str());
+    std::fflush(stderr);
+    std::abort();
+}
+
+inline std::string hex(const std::string& bytes) {
+    static const char digits[] = "0123456789abcdef";
+    std::string out;
+    for (unsigned char byte : bytes) {
+        out += digits[byte >> 4];
+        out += digits[byte & 15];
+    }
+    return out;
+}
+
+// The input read front to back. Past its end every read yields zeros, so a
+// short input still decodes to something.
+class ByteSource {
+public:
+    ByteSource(const uint8_t* data, size_t size) : data_(data), size_(size) {}
+
+    bool empty() const { return position_ >= size_; }
+    size_t remaining() const { return empty() ? 0 : size_ - position_; }
+
+    uint8_t u8() { return empty() ? 0 : data_[position_++]; }
+    uint16_t u16() {
+        uint16_t low = u8();
+        return static_cast<uint16_t>(low | (u8() << 8));
+    }
+    uint32_t u32() {
+        uint32_t low = u16();
+        return low | (static_cast<uint32_t>(u16()) << 16);
+    }
+    // Up to `count` bytes, fewer when the input ends first.
+    std::string bytes(size_t count) {
+        size_t taken = count < remaining() ? count : remaining();
+        std::string out(reinterpret_cast<const char*>(data_ + position_), taken);
+        position_ += taken;
+        return out;
+    }
+
+private:
+    const uint8_t* data_;
+    size_t size_;
+    size_t position_ = 0;
+};
+
+inline void append_utf8(std::string& out, uint32_t code_point) {
+    if (code_point < 0x80) {
+        out += static_cast<char>(code_point);
+    } else if (code_point < 0x800) {
+        out += static_cast<char>(0xC0 | (code_point >> 6));
+        out += static_cast<char>(0x80 | (code_point & 0x3F));
+    } else if (code_point < 0x10000) {
+        out += static_cast<char>(0xE0 | (code_point >> 12));
+        out += static_cast<char>(0x80 | ((code_point >> 6) & 0x3F));
+        out += static_cast<char>(0x80 | (code_point & 0x3F));
+    } else {
+        out += static_cast<char>(0xF0 | (code_point >> 18));
+        out += static_cast<char>(0x80 | ((code_point >> 12) & 0x3F));
+        out += static_cast<char>(0x80 | ((code_point >> 6) & 0x3F));
+        out += static_cast<char>(0x80 | (code_point & 0x3F));
+    }
+}
+
+inline bool is_continuation(uint8_t byte) { return (byte & 0xC0) == 0x80; }
+
+// Reads one UTF-8 character at text[i]: shortest form, at most U+10FFFF,
+// surrogates allowed (the reader's keyword decoder takes them too). Returns
+// its size, or 0 for anything else.
+inline size_t read_character(const uint8_t* text, size_t length, size_t i, uint32_t* code_point) {
+    uint8_t lead = text[i];
+    size_t size;
+    uint32_t value;
+    if (lead < 0x80) {
+        *code_point = lead;
+        return 1;
+    } else if (lead >= 0xC2 && lead <= 0xDF) {
+        size = 2;
+        value = lead & 0x1F;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        size = 3;
+        value = lead & 0x0F;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        size = 4;
+        value = lead & 0x07;
+    } else {
+        return 0;
+    }
+    if (i + size > length) {
+        return 0;
+    }
+    for (size_t j = 1; j < size; ++j) {
+        if (!is_continuation(text[i + j])) {
+            return 0;
+        }
+        value = (value << 6) | (text[i + j] & 0x3F);
+    }
+    if ((size == 3 && value < 0x800) || (size == 4 && (value < 0x10000 || value > 0x10FFFF))) {
+        return 0;
+    }
+    *code_point = value;
+    return size;
+}
+
+// Decodes a stored key the way the index lists it: every character must be
+// U+0001..U+FFFE. Fills the code points and the byte offset of each.
+inline bool decode_indexable(const std::string& text, std::vector<uint32_t>* code_points,
+                             std::vector<size_t>* starts) {
+    const uint8_t* bytes = reinterpret_cast<const uint8_t*>(text.data());
+    code_points->clear();
+    starts->clear();
+    for (size_t i = 0; i < text.size();) {
+        uint32_t code_point;
+        size_t size = read_character(bytes, text.size(), i, &code_point);
+        if (size == 0 || code_point == 0 || code_point > 0xFFFE) {
+            return false;
+        }
+        code_points->push_back(code_point);
+        starts->push_back(i);
+        i += size;
+    }
+    return true;
+}
+
+// The characters of arbitrary bytes, for cutting keywords out of keys that
+// need not be UTF-8: a byte that starts no valid character stands for
+// itself (as U+0001..U+00FF; a zero byte is dropped).
+inline std::vector<uint32_t> decode_leniently(const std::string& text) {
+    const uint8_t* bytes = reinterpret_cast<const uint8_t*>(text.data());
+    std::vector<uint32_t> out;
+    for (size_t i = 0; i < text.size();) {
+        uint32_t code_point;
+        size_t size = read_character(bytes, text.size(), i, &code_point);
+        if (size == 0) {
+            code_point = bytes[i];
+            size = 1;
+        }
+        if (code_point != 0) {
+            out.push_back(code_point);
+        }
+        i += size;
+    }
+    return out;
+}
+
+// True for a keyword the reader decodes without its fallback converter, and
+// so never refuses; `first` is its first code point, 0 for an empty one.
+inline bool is_well_formed_keyword(const std::string& keyword, uint32_t* first) {
+    const uint8_t* bytes = reinterpret_cast<const uint8_t*>(keyword.data());
+    *first = 0;
+    for (size_t i = 0; i < keyword.size();) {
+        uint32_t code_point;
+        size_t size = read_character(bytes, keyword.size(), i, &code_point);
+        if (size == 0) {
+            return false;
+        }
+        if (i == 0) {
+            *first = code_point;
+        }
+        i += size;
+    }
+    return true;
+}
+
+// Appends whole characters while the text stays within `max_bytes`.
+inline std::string encode_within(const std::vector<uint32_t>& code_points, size_t from, size_t count,
+                                 size_t max_bytes) {
+    std::string out;
+    for (size_t i = from; i < code_points.size() && i < from + count; ++i) {
+        std::string character;
+        append_utf8(character, code_points[i]);
+        if (out.size() + character.size() > max_bytes) {
+            break;
+        }
+        out += character;
+    }
+    return out;
+}
+
+// One key as the brute-force search sees it.
+struct ReferenceKey {
+    std::string stored;                // the key's bytes in key.bin
+    std::vector<uint32_t> characters;  // every character the index lists it under, by position
+    std::vector<size_t> starts;        // byte offset in `stored` of each stored character
+    std::string value;
+};
+
+struct Hit {
+    std::string key;
+    std::string value;
+    bool operator==(const Hit& other) const { return key == other.key && value == other.value; }
+};
+
+// The search by its rules alone, over `keys` in posting-list order: position
+// by position, every key whose character at that position is the keyword's
+// first and whose stored text holds the keyword's bytes from there. Each
+// position is asked for what is still missing (modulo 2^16) and checks after
+// appending, so limit 0 yields at most the first hit at position 0.
+inline std::vector<Hit> reference_search(const std::vector<ReferenceKey>& keys, const std::string& keyword,
+                                         uint32_t first, uint16_t limit) {
+    std::vector<Hit> hits;
+    uint32_t total = 0;
+    for (uint32_t position = 0; position <= 254; ++position) {
+        uint16_t wanted = static_cast<uint16_t>(limit - total);
+        uint16_t found = 0;
+        for (const ReferenceKey& key : keys) {
+            if (position >= key.characters.size() || key.characters[position] != first) {
+                continue;
+            }
+            // A character past the stored text (a shortened key) starts at
+            // its end, where no keyword fits.
+            size_t start = position < key.starts.size() ? key.starts[position] : key.stored.size();
+            if (start + keyword.size() > key.stored.size() ||
+                key.stored.compare(start, keyword.size(), keyword) != 0) {
+                continue;
+            }
+            hits.push_back(Hit{key.stored, key.value});
+            if (++found >= wanted) {
+                break;
+            }
+        }
+        total += found;
+        if (total >= limit) {
+            break;
+        }
+    }
+    return hits;
+}
+
+typedef Rc<std::vector<Rc<Lexarium::Reader::SearchResult>>> Results;
+
+inline bool lies_inside(const ByteArray& view, const ByteArray& blob) {
+    uintptr_t begin = reinterpret_cast<uintptr_t>(blob.data);
+    uintptr_t at = reinterpret_cast<uintptr_t>(view.data);
+    return at >= begin && at - begin <= blob.length && view.length <= blob.length - (at - begin);
+}
+
+// What every search must give, whatever index it ran on: no more results
+// than asked for (one for limit 0), keys and values that are views inside
+// the reader's key and data blobs, and keys that hold the keyword's bytes.
+// Every byte of every view is read, so a sanitizer sees a view that strays.
+inline std::vector<Hit> checked_hits(const Results& results, const ByteArray& key_blob, const ByteArray& data_blob,
+                                     const std::string& keyword, uint16_t limit) {
+    size_t allowed = limit == 0 ? 1 : limit;
+    if (results->size() > allowed) {
+        fail("search for " + hex(keyword) + " with limit " + std::to_string(limit) + " returned " +
+             std::to_string(results->size()) + " results");
+    }
+    std::vector<Hit> hits;
+    for (const auto& result : *results) {
+        const ByteArray& key = *result->key;
+        const ByteArray& value = *result->value;
+        if (!lies_inside(key, key_blob) || !lies_inside(value, data_blob)) {
+            fail("search for " + hex(keyword) + " returned a view outside the blobs");
+        }
+        Hit hit{std::string(reinterpret_cast<const char*>(key.data), key.length),
+                std::string(reinterpret_cast<const char*>(value.data), value.length)};
+        if (hit.key.find(keyword) == std::string::npos) {
+            fail("search for " + hex(keyword) + " returned the key " + hex(hit.key) + ", which does not hold it");
+        }
+        hits.push_back(std::move(hit));
+    }
+    return hits;
+}
+
+inline void require_same_hits(const std::vector<Hit>& actual, const std::vector<Hit>& expected,
+                              const std::string& keyword, uint16_t limit) {
+    if (actual == expected) {
+        return;
+    }
+    std::string message = "search for " + hex(keyword) + " with limit " + std::to_string(limit) +
+                          " differs from the brute-force search\n  library:";
+    for (const Hit& hit : actual) {
+        message += " " + hex(hit.key);
+    }
+    message += "\n  expected:";
+    for (const Hit& hit : expected) {
+        message += " " + hex(hit.key);
+    }
+    fail(message);
+}
+
+// The table section of a raw file-set input: bytes as they are, except that
+// FF lo hi stands for lo + 256 hi zero bytes, FF 00 00 for one FF byte, and
+// an FF too close to the end for itself. Tables are 65535 bytes or more and
+// mostly zeros; this keeps them small in a corpus while any byte string can
+// still be written. The expansion stops at `max_bytes`.
+inline std::vector<uint8_t> expand_table(const std::string& section, size_t max_bytes) {
+    std::vector<uint8_t> out;
+    for (size_t i = 0; i < section.size() && out.size() < max_bytes; ++i) {
+        uint8_t byte = static_cast<uint8_t>(section[i]);
+        if (byte != 0xFF || i + 2 >= section.size()) {
+            out.push_back(byte);
+            continue;
+        }
+        size_t zeros = static_cast<uint8_t>(section[i + 1]) | (static_cast<uint8_t>(section[i + 2]) << 8);
+        i += 2;
+        if (zeros == 0) {
+            out.push_back(0xFF);
+        } else {
+            out.resize(out.size() + zeros, 0);
+        }
+    }
+    if (out.size() > max_bytes) {
+        out.resize(max_bytes);
+    }
+    return out;
+}
+
+inline std::string compress_table(const std::vector<uint8_t>& table) {
+    std::string out;
+    for (size_t i = 0; i < table.size();) {
+        size_t run = 0;
+        while (i + run < table.size() && table[i + run] == 0 && run < 0xFFFF) {
+            ++run;
+        }
+        if (run >= 4) {
+            out += '\xFF';
+            out += static_cast<char>(run & 0xFF);
+            out += static_cast<char>(run >> 8);
+            i += run;
+        } else if (table[i] == 0xFF) {
+            out += std::string("\xFF\x00\x00", 3);
+            ++i;
+        } else {
+            out += static_cast<char>(table[i]);
+            ++i;
+        }
+    }
+    return out;
+}
+
+}  // namespace quorvex_fuzz
+
+#endif
