@@ -166,16 +166,16 @@ struct IndexReader::PostingList {
 
     uint32 at(uint32 i) const { return LittleEndian::load_u32(this->entries + 4 * size_t{i}); }
 
-    // Moves `cursor` to the first entry not below `wanted`, galloping ahead;
-    // true when that entry is `wanted`.
+    // Moves `cursor` forward to the first entry not below `wanted`,
+    // galloping ahead then halving back; false when the list runs out.
     bool seek(uint32& cursor, uint32 wanted) const {
         if (cursor >= this->count) {
             return false;
         }
         if (this->at(cursor) >= wanted) {
-            return this->at(cursor) == wanted;
+            return true;
         }
-        // Gallop: at(low) < wanted; double the step until at(high) >= wanted.
+        // at(low) < wanted; double the step until at(high) >= wanted.
         uint64_t low = cursor;
         uint64_t step = 1;
         uint64_t high = low + step;
@@ -187,7 +187,7 @@ struct IndexReader::PostingList {
         if (high > this->count) {
             high = this->count;
         }
-        // Then halve: the first entry in (low, high] not below `wanted`.
+        // The first entry in (low, high] not below `wanted`.
         uint64_t first = low + 1;
         while (first < high) {
             uint64_t middle = first + (high - first) / 2;
@@ -198,7 +198,7 @@ struct IndexReader::PostingList {
             }
         }
         cursor = static_cast<uint32>(first);
-        return cursor < this->count && this->at(cursor) == wanted;
+        return cursor < this->count;
     }
 };
 
@@ -271,14 +271,20 @@ uint16 IndexReader::search_intersecting(const Keyword& keyword, uint16 limit, st
     }
     size_t count = keyword.characters.size();
     PostingList lists[Format::MAX_CELLS_PER_ROW + 1];
-    if (!this->find_list(keyword.row, char_position, lists[0])) {
+    if (!this->find_list(keyword.row, char_position, lists[0]) || lists[0].count == 0) {
         return 0;
     }
-    size_t shortest = 0;
     for (size_t j = 1; j < count; ++j) {
-        if (!this->find_list(keyword.characters[j], char_position + static_cast<uint32>(j), lists[j])) {
+        if (!this->find_list(keyword.characters[j], char_position + static_cast<uint32>(j), lists[j]) ||
+            lists[j].count == 0) {
             return 0;
         }
+    }
+    // The shortest list drives; each of its entries is looked for in the
+    // others, whose cursors only move forward. What is found everywhere is a
+    // candidate, in ascending order as the first character's list holds it.
+    size_t shortest = 0;
+    for (size_t j = 1; j < count; ++j) {
         if (lists[j].count < lists[shortest].count) {
             shortest = j;
         }
@@ -290,9 +296,13 @@ uint16 IndexReader::search_intersecting(const Keyword& keyword, uint16 limit, st
         uint32 entry = driver.at(i);
         bool everywhere = true;
         for (size_t j = 0; j < count && everywhere; ++j) {
-            if (j != shortest) {
-                everywhere = lists[j].seek(cursors[j], entry);
+            if (j == shortest) {
+                continue;
             }
+            if (!lists[j].seek(cursors[j], entry)) {
+                return found;  // a list ran out: nothing further can match
+            }
+            everywhere = lists[j].at(cursors[j]) == entry;
         }
         if (everywhere && this->try_entry(keyword, entry, char_position, results)) {
             ++found;
