@@ -1,9 +1,12 @@
 #ifndef QUORVEX_RC_H
 #define QUORVEX_RC_H
 
+#include <cstddef>
 #include <cstdint>
 #include <new>
 #include <utility>
+
+#include "SmallBlocks.h"
 
 // Shared state of one Rc: the count of handles and the object they share.
 // The state owns the object and deletes it through T's own destructor, so a
@@ -23,6 +26,10 @@ struct _RcState {
     // the other copies from reaching a freed state, and its use-after-free
     // warning would fire in every program that copies a handle.
     __attribute__((noinline)) static void destroy(_RcState* state) noexcept { delete state; }
+
+    // States are two words: they come from the small-block pool.
+    static void* operator new(std::size_t size) { return quorvex_small_block_allocate(size); }
+    static void operator delete(void* block, std::size_t size) noexcept { quorvex_small_block_release(block, size); }
 };
 
 // Rc<T>: the library's reference-counted handle. One pointer wide; copies

@@ -51,3 +51,7 @@ ByteArray ByteArray::create_readonly_view(uint32 offset, uint32 count) {
     assert(offset + count <= this->length);
     return make_view(*this, offset, count);
 }
+
+void* ByteArray::operator new(std::size_t size) { return quorvex_small_block_allocate(size); }
+
+void ByteArray::operator delete(void* record, std::size_t size) noexcept { quorvex_small_block_release(record, size); }

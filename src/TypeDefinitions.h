@@ -40,6 +40,11 @@ public:
 
     ~ByteArray();
 
+    // Array records are small and made by the thousand on the search path:
+    // they come from the small-block pool (the bytes themselves do not).
+    static void* operator new(std::size_t size);
+    static void operator delete(void* record, std::size_t size) noexcept;
+
     // A new, separately counted view of `count` bytes from data + `offset`.
     // The view does not keep this array alive. `offset` + `count` is summed
     // modulo 2^32 and must not exceed `length`, or the process stops with

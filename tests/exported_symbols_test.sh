@@ -15,11 +15,13 @@ fi
 symbols=$(nm -D --defined-only "$library" | awk '{ $1 = ""; $2 = ""; sub(/^  /, ""); print }' | c++filt)
 
 # C functions of the three families; members, vtables and type information
-# of ByteArray and the Lexarium classes; the writer's record encoders.
+# of ByteArray and the Lexarium classes; the writer's record encoders; the
+# small-block pool that Rc's inline code calls.
 unexpected=$(printf '%s\n' "$symbols" | grep -Ev \
   -e '^(byte_array|index_writer|index_reader|index_verifier|search_results?)_[a-z_]+$' \
   -e '^ByteArray::' \
   -e '^push_word_(value|key)_into_data\(' \
+  -e '^quorvex_small_block_(allocate|release)$' \
   -e '^(typeinfo|typeinfo name|vtable) for (ByteArray|Lexarium::[A-Za-z:]+)$' \
   -e '^Lexarium::(Writer::|Reader::)?[A-Za-z_]+(::~?[A-Za-z_]+)?(\(|::operator)' \
   -e '^Lexarium::(Writer::|Reader::)?[a-z_]+\(' || true)

@@ -16,6 +16,10 @@ public:
     Rc<ByteArray> value;
 
     SearchResult(Rc<ByteArray> key, Rc<ByteArray> value);
+
+    // A search makes one per hit: they come from the small-block pool.
+    static void* operator new(std::size_t size);
+    static void operator delete(void* result, std::size_t size) noexcept;
 };
 
 }  // namespace Lexarium::Reader
