@@ -13,6 +13,7 @@
 #endif
 #endif
 
+#ifndef QUORVEX_PLAIN_ALLOCATION
 namespace {
 
 constexpr std::size_t BLOCK_SIZE = 16;
@@ -46,6 +47,7 @@ char* new_chunk() {
 }
 
 }  // namespace
+#endif
 
 void* quorvex_small_block_allocate(std::size_t size) {
 #ifdef QUORVEX_PLAIN_ALLOCATION
