@@ -58,10 +58,12 @@ demo: build
 # BENCH_ARGS=--benchmark_filter=Empty
 bench:
 	@$(ENSURE) $(BUILD_PACKAGES) $(BENCH_PACKAGES)
+	@$(ENSURE) libsqlite3-dev libdivsufsort-dev gnuplot-nox dict-freedict-deu-eng dict-freedict-jpn-eng dict-gcide
 	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=Release -DQUORVEX_WERROR=ON -DQUORVEX_BUILD_BENCH=ON $(CMAKE_ARGS)
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 	$(BUILD_DIR)/bench/quorvex_bench_writer $(BENCH_ARGS)
 	$(BUILD_DIR)/bench/quorvex_bench_reader $(BENCH_ARGS)
+	scripts/bench-compare.sh $(BUILD_DIR)
 
 install: build
 	cmake --install $(BUILD_DIR) --prefix $(PREFIX)

@@ -1,0 +1,802 @@
+// Quorvex against other ways of answering "which keys contain this
+// keyword", on real dictionaries: a scan over all keys, a suffix array,
+// SQLite FTS5 with the trigram tokenizer and a plain SQLite table searched
+// with LIKE. Every contender gets the same items and the same keywords, in
+// one process; the program prints a table per dictionary and can write it as
+// Markdown, plus the latency distributions for a plot.
+// bench/README.md and docs/PERFORMANCE.md explain what is measured.
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "CompareContenders.h"
+#include "CompareData.h"
+
+namespace {
+
+using namespace Lexarium::Bench::Compare;
+
+typedef std::chrono::steady_clock Clock;
+
+constexpr size_t PRESENT_KEYWORDS = 1000;
+constexpr size_t ABSENT_KEYWORDS = 100;
+constexpr uint64_t PRESENT_SEED = 0x6b6579776f726473ULL;
+constexpr uint64_t ABSENT_SEED = 0x6e6f776865726521ULL;
+
+constexpr uint32_t LIMITS[2] = {20, 65535};
+constexpr size_t LIMIT_COUNT = 2;
+constexpr size_t FULL = 1;  // index of 65535 in LIMITS
+
+constexpr int LOAD_ROUNDS = 5;
+
+const char* const DEFAULT_DICTIONARIES[] = {
+    "/usr/share/dictd/freedict-deu-eng.index",
+    "/usr/share/dictd/freedict-jpn-eng.index",
+    "/usr/share/dictd/gcide.index",
+};
+
+double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+// ---- Options ----------------------------------------------------------------
+
+struct Options {
+    std::vector<std::string> dictionaries;
+    std::string markdown_path;
+    std::string plot_path;
+    // Passes over all keywords: Quorvex's are cheap; the others take up to
+    // a few minutes per pass on a large dictionary, and one pass keeps the
+    // whole comparison within about a quarter of an hour.
+    int quorvex_passes = 5;
+    int passes = 1;
+    size_t keywords = PRESENT_KEYWORDS;
+};
+
+void usage() {
+    std::fprintf(stderr,
+                 "usage: quorvex_bench_compare [--markdown FILE] [--plot-data FILE] [--quorvex-passes N] [--passes N]\n"
+                 "                             [--keywords N] [DICTD_INDEX...]\n"
+                 "Without DICTD_INDEX: the FreeDict German-English and Japanese-English dictionaries and GCIDE\n"
+                 "from /usr/share/dictd. --passes counts the passes of every contender but Quorvex.\n");
+}
+
+Options parse_options(int argc, char** argv) {
+    Options options;
+    for (int i = 1; i < argc; ++i) {
+        std::string argument = argv[i];
+        auto value = [&]() -> std::string {
+            if (i + 1 >= argc) {
+                usage();
+                std::exit(2);
+            }
+            return argv[++i];
+        };
+        auto count = [&]() {
+            std::string text = value();
+            char* end = nullptr;
+            long number = std::strtol(text.c_str(), &end, 10);
+            if (*end != '\0' || number < 1) {
+                usage();
+                std::exit(2);
+            }
+            return number;
+        };
+        if (argument == "--markdown") {
+            options.markdown_path = value();
+        } else if (argument == "--plot-data") {
+            options.plot_path = value();
+        } else if (argument == "--quorvex-passes") {
+            options.quorvex_passes = static_cast<int>(count());
+        } else if (argument == "--passes") {
+            options.passes = static_cast<int>(count());
+        } else if (argument == "--keywords") {
+            options.keywords = static_cast<size_t>(count());
+        } else if (argument == "-h" || argument == "--help") {
+            usage();
+            std::exit(0);
+        } else if (!argument.empty() && argument[0] == '-') {
+            usage();
+            std::exit(2);
+        } else {
+            options.dictionaries.push_back(argument);
+        }
+    }
+    if (options.dictionaries.empty()) {
+        options.dictionaries.assign(std::begin(DEFAULT_DICTIONARIES), std::end(DEFAULT_DICTIONARIES));
+    }
+    return options;
+}
+
+// ---- Temporary directories --------------------------------------------------
+
+class TemporaryDirectory {
+public:
+    TemporaryDirectory() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "quorvex_bench_compare.XXXXXX").string();
+        if (mkdtemp(pattern.data()) == nullptr) {
+            throw std::runtime_error("cannot create a directory like " + pattern);
+        }
+        this->path = pattern;
+    }
+    ~TemporaryDirectory() {
+        std::error_code ignored;
+        std::filesystem::remove_all(this->path, ignored);
+    }
+    TemporaryDirectory(const TemporaryDirectory&) = delete;
+    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+
+    std::string make(const std::string& name) const {
+        std::string directory = this->path + "/" + name;
+        std::filesystem::create_directory(directory);
+        return directory;
+    }
+
+    std::string path;
+};
+
+uint64_t directory_bytes(const std::string& directory) {
+    uint64_t bytes = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+        if (entry.is_regular_file()) {
+            bytes += entry.file_size();
+        }
+    }
+    return bytes;
+}
+
+std::string directory_name(const std::string& contender) {
+    std::string name = contender;
+    std::replace(name.begin(), name.end(), ' ', '-');
+    return name;
+}
+
+std::vector<std::unique_ptr<Contender>> all_contenders() {
+    std::vector<std::unique_ptr<Contender>> contenders;
+    contenders.push_back(make_quorvex());  // first: the reference for the others
+    contenders.push_back(make_scan());
+    contenders.push_back(make_suffix_array());
+    contenders.push_back(make_sqlite_fts5());
+    contenders.push_back(make_sqlite_like());
+    return contenders;
+}
+
+// ---- Agreement with Quorvex -------------------------------------------------
+
+std::string describe_keys(const std::vector<uint32_t>& keys, const Dictionary& dictionary) {
+    std::string text = std::to_string(keys.size()) + " result(s)";
+    if (!keys.empty()) {
+        text += ", first \"" + dictionary.stored[keys.front()] + "\"";
+    }
+    return text;
+}
+
+// Tallies how often a contender's answer agrees with Quorvex's:
+// - limit 65535, when Quorvex's answer is not cut: the same set of keys;
+// - limit 20, for a contender in the index's order: the same list; for one
+//   with an order of its own (SQLite), distinct keys, all in Quorvex's
+//   uncut answer at 65535, as many as the limit lets through.
+struct Agreement {
+    size_t compared = 0;
+    size_t agreed = 0;
+    std::string first_difference;
+
+    void note(bool same, const std::string& keyword, const std::string& detail) {
+        ++this->compared;
+        if (same) {
+            ++this->agreed;
+        } else if (this->first_difference.empty()) {
+            this->first_difference = "\"" + keyword + "\": " + detail;
+        }
+    }
+
+    std::string summary() const {
+        if (this->compared == 0) {
+            return "-";
+        }
+        return std::to_string(this->agreed) + "/" + std::to_string(this->compared);
+    }
+};
+
+void check_answer(const Contender& contender, size_t limit_index, const std::vector<uint32_t>& answer,
+                  const Reference& reference, const std::string& keyword, const Dictionary& dictionary,
+                  Agreement& agreement) {
+    std::set<uint32_t> expected(reference.full.begin(), reference.full.end());
+    std::set<uint32_t> got(answer.begin(), answer.end());
+    std::string detail = "quorvex " + describe_keys(limit_index == FULL ? reference.full : reference.first, dictionary) +
+                         "; " + contender.name() + " " + describe_keys(answer, dictionary);
+    if (limit_index == FULL) {
+        if (reference.cut) {
+            return;  // nothing exact to compare with
+        }
+        agreement.note(got == expected, keyword, detail);
+        return;
+    }
+    if (contender.index_order()) {
+        agreement.note(answer == reference.first, keyword, detail);
+        return;
+    }
+    if (reference.cut) {
+        return;
+    }
+    bool distinct = got.size() == answer.size();
+    bool inside = std::includes(expected.begin(), expected.end(), got.begin(), got.end());
+    bool enough = answer.size() == std::min<size_t>(LIMITS[0], expected.size());
+    agreement.note(distinct && inside && enough, keyword, detail);
+}
+
+// ---- Latency ----------------------------------------------------------------
+
+// Percentile `q` (0 < q <= 1) of `values` by nearest rank.
+double percentile(std::vector<double> values, double q) {
+    if (values.empty()) {
+        return 0;
+    }
+    std::sort(values.begin(), values.end());
+    size_t rank = static_cast<size_t>(std::ceil(q * static_cast<double>(values.size())));
+    return values[std::max<size_t>(rank, 1) - 1];
+}
+
+double median_of(std::vector<double> values) {
+    if (values.empty()) {
+        return 0;
+    }
+    std::sort(values.begin(), values.end());
+    return values[(values.size() - 1) / 2];
+}
+
+struct LimitFigures {
+    std::vector<std::vector<double>> samples;  // per keyword, microseconds, one per pass
+    std::vector<size_t> results;               // per keyword, from the first pass
+    Agreement agreement;
+
+    // A keyword's latency: the median of its passes, so one unlucky pass
+    // (an interrupt, another process) does not decide it.
+    std::vector<double> latencies_us() const {
+        std::vector<double> latencies;
+        for (const std::vector<double>& row : this->samples) {
+            latencies.push_back(median_of(row));
+        }
+        return latencies;
+    }
+
+    double mean_results() const {
+        double sum = 0;
+        for (size_t count : this->results) {
+            sum += static_cast<double>(count);
+        }
+        return this->results.empty() ? 0 : sum / static_cast<double>(this->results.size());
+    }
+};
+
+struct ContenderFigures {
+    std::string name;
+    int passes = 0;
+    double build_seconds = 0;
+    uint64_t disk_bytes = 0;
+    double load_ms = 0;
+    LimitFigures limits[LIMIT_COUNT];
+    std::string remark;  // from Contender::examine
+};
+
+struct DictionaryReport {
+    std::string name;
+    size_t items = 0;
+    uint64_t invalid = 0;
+    uint64_t merged = 0;
+    uint64_t key_bytes = 0;
+    uint64_t value_bytes = 0;
+    size_t shortened_keys = 0;
+    std::vector<Keyword> keywords;
+    std::vector<ContenderFigures> contenders;
+    size_t quorvex_cut = 0;  // keywords whose Quorvex answer at 65535 filled the limit
+    std::string load_before;
+    std::string load_after;
+    double seconds = 0;
+};
+
+std::string load_average() {
+    std::ifstream in("/proc/loadavg");
+    std::string one, five, fifteen;
+    in >> one >> five >> fifteen;
+    return one + " " + five + " " + fifteen;
+}
+
+void progress(const std::string& message) {
+    std::fprintf(stderr, "quorvex_bench_compare: %s\n", message.c_str());
+}
+
+// ---- One dictionary ---------------------------------------------------------
+
+DictionaryReport run_dictionary(const std::string& path, const Options& options) {
+    Clock::time_point start = Clock::now();
+    DictionaryReport report;
+    report.load_before = load_average();
+    progress("reading " + path);
+    Dictionary dictionary = load_dictd(path);
+    report.name = dictionary.name;
+    report.items = dictionary.keys.size();
+    report.invalid = dictionary.invalid;
+    report.merged = dictionary.merged;
+    report.key_bytes = dictionary.key_bytes;
+    report.value_bytes = dictionary.value_bytes;
+    for (size_t k = 0; k < dictionary.keys.size(); ++k) {
+        report.shortened_keys += dictionary.keys[k].size() != dictionary.stored[k].size() ? 1 : 0;
+    }
+    progress(std::to_string(report.items) + " items in " + std::to_string(seconds_since(start)) + " s");
+
+    report.keywords = present_keywords(dictionary.stored, options.keywords, PRESENT_SEED);
+    for (Keyword& keyword : absent_keywords(dictionary.keys, ABSENT_KEYWORDS, ABSENT_SEED)) {
+        report.keywords.push_back(std::move(keyword));
+    }
+    const std::vector<Keyword>& keywords = report.keywords;
+
+    TemporaryDirectory temporary;
+    std::vector<std::unique_ptr<Contender>> contenders = all_contenders();
+    std::vector<std::string> directories;
+    for (auto& contender : contenders) {
+        ContenderFigures figures;
+        figures.name = contender->name();
+        figures.passes = contenders.front() == contender ? options.quorvex_passes : options.passes;
+        directories.push_back(temporary.make(dictionary.name + "-" + directory_name(figures.name)));
+        Clock::time_point build_start = Clock::now();
+        contender->build(dictionary, directories.back());
+        figures.build_seconds = seconds_since(build_start);
+        figures.disk_bytes = directory_bytes(directories.back());
+        progress("built " + figures.name + " in " + std::to_string(figures.build_seconds) + " s");
+        report.contenders.push_back(std::move(figures));
+    }
+
+    // Files to first answer, warm page cache: open, then one search with
+    // limit 20 for the first keyword. Rounds go through all contenders in
+    // turn; the median round counts. The last load stays for the searches.
+    std::vector<std::vector<double>> load_ms(contenders.size());
+    for (int round = 0; round < LOAD_ROUNDS; ++round) {
+        for (size_t c = 0; c < contenders.size(); ++c) {
+            contenders[c]->unload();
+            Clock::time_point load_start = Clock::now();
+            contenders[c]->load(directories[c]);
+            contenders[c]->search(keywords.front().text, LIMITS[0]);
+            load_ms[c].push_back(seconds_since(load_start) * 1e3);
+            contenders[c]->release();
+        }
+    }
+    for (size_t c = 0; c < contenders.size(); ++c) {
+        report.contenders[c].load_ms = median_of(load_ms[c]);
+        std::string rounds;
+        for (double ms : load_ms[c]) {
+            rounds += " " + std::to_string(ms);
+        }
+        progress("loads of " + report.contenders[c].name + " (ms):" + rounds);
+        contenders[c]->verify(dictionary);
+    }
+    progress("loaded and verified");
+
+    // Quorvex's answers, the yardstick for the others.
+    std::vector<Reference> references(keywords.size());
+    for (size_t k = 0; k < keywords.size(); ++k) {
+        contenders[0]->search(keywords[k].text, LIMITS[0]);
+        references[k].first = contenders[0]->answer_keys();
+        contenders[0]->search(keywords[k].text, LIMITS[FULL]);
+        references[k].full = contenders[0]->answer_keys();
+        references[k].cut = references[k].full.size() >= LIMITS[FULL];
+        report.quorvex_cut += references[k].cut ? 1 : 0;
+        contenders[0]->release();
+        if (keywords[k].kind == KeywordKind::Absent && !references[k].full.empty()) {
+            throw std::logic_error("the absent keyword \"" + keywords[k].text + "\" was found");
+        }
+    }
+    for (size_t c = 0; c < contenders.size(); ++c) {
+        report.contenders[c].remark = contenders[c]->examine(keywords, references);
+    }
+    progress("references taken");
+
+    // The timed searches. Each pass runs every contender over all keywords,
+    // limit by limit, one contender after the other, so each sees its own
+    // data in the caches as an application using only it would; passes
+    // spread every contender over the run's time. Each call is timed on its
+    // own; the first pass also checks the answers.
+    int most_passes = 0;
+    for (ContenderFigures& figures : report.contenders) {
+        most_passes = std::max(most_passes, figures.passes);
+        for (LimitFigures& limit : figures.limits) {
+            limit.samples.assign(keywords.size(), {});
+            limit.results.assign(keywords.size(), 0);
+        }
+    }
+    for (int pass = 0; pass < most_passes; ++pass) {
+        for (size_t l = 0; l < LIMIT_COUNT; ++l) {
+            for (size_t c = 0; c < contenders.size(); ++c) {
+                ContenderFigures& figures = report.contenders[c];
+                if (pass >= figures.passes) {
+                    continue;
+                }
+                Contender& contender = *contenders[c];
+                LimitFigures& limit = figures.limits[l];
+                Clock::time_point pass_start = Clock::now();
+                for (size_t k = 0; k < keywords.size(); ++k) {
+                    Clock::time_point call_start = Clock::now();
+                    size_t results = contender.search(keywords[k].text, LIMITS[l]);
+                    Clock::time_point call_stop = Clock::now();
+                    limit.samples[k].push_back(std::chrono::duration<double, std::micro>(call_stop - call_start).count());
+                    if (pass == 0) {
+                        limit.results[k] = results;
+                        if (c != 0) {
+                            check_answer(contender, l, contender.answer_keys(), references[k], keywords[k].text,
+                                         dictionary, limit.agreement);
+                        }
+                    }
+                    contender.release();
+                }
+                progress("pass " + std::to_string(pass + 1) + " " + figures.name + " limit " +
+                         std::to_string(LIMITS[l]) + ": " + std::to_string(seconds_since(pass_start)) + " s");
+            }
+        }
+    }
+    for (auto& contender : contenders) {
+        contender->unload();
+    }
+    report.load_after = load_average();
+    report.seconds = seconds_since(start);
+    return report;
+}
+
+// ---- Output -----------------------------------------------------------------
+
+std::string with_thousands(uint64_t value) {
+    std::string digits = std::to_string(value);
+    std::string text;
+    for (size_t i = 0; i < digits.size(); ++i) {
+        if (i != 0 && (digits.size() - i) % 3 == 0) {
+            text += ',';
+        }
+        text += digits[i];
+    }
+    return text;
+}
+
+std::string format(const char* pattern, double value) {
+    char buffer[64];
+    std::snprintf(buffer, sizeof buffer, pattern, value);
+    return buffer;
+}
+
+// Three significant digits or whole numbers: 1.23, 12.3, 123, 1,234.
+std::string figure(double value) {
+    if (value < 10) {
+        return format("%.2f", value);
+    }
+    if (value < 100) {
+        return format("%.1f", value);
+    }
+    return with_thousands(static_cast<uint64_t>(std::llround(value)));
+}
+
+std::string mebibytes(uint64_t bytes) { return format("%.1f", static_cast<double>(bytes) / (1024.0 * 1024.0)); }
+
+struct Group {
+    const char* title;
+    bool (*contains)(const Keyword&);
+};
+
+const Group GROUPS[] = {
+    {"1 char", [](const Keyword& k) { return k.kind == KeywordKind::Present && k.code_points == 1; }},
+    {"2 chars", [](const Keyword& k) { return k.kind == KeywordKind::Present && k.code_points == 2; }},
+    {"3-6 chars", [](const Keyword& k) { return k.kind == KeywordKind::Present && k.code_points >= 3; }},
+    {"absent", [](const Keyword& k) { return k.kind == KeywordKind::Absent; }},
+};
+
+size_t group_size(const DictionaryReport& report, const Group& group) {
+    return static_cast<size_t>(std::count_if(report.keywords.begin(), report.keywords.end(), group.contains));
+}
+
+double group_median(const DictionaryReport& report, const LimitFigures& limit, const Group& group) {
+    std::vector<double> latencies = limit.latencies_us();
+    std::vector<double> chosen;
+    for (size_t k = 0; k < report.keywords.size(); ++k) {
+        if (group.contains(report.keywords[k])) {
+            chosen.push_back(latencies[k]);
+        }
+    }
+    return median_of(chosen);
+}
+
+// Quorvex's cost per returned result at 65535: the sum of the per-keyword
+// latencies over the sum of their results, for keywords with results.
+double nanoseconds_per_result(const ContenderFigures& quorvex) {
+    const LimitFigures& limit = quorvex.limits[FULL];
+    std::vector<double> latencies = limit.latencies_us();
+    double microseconds = 0;
+    double results = 0;
+    for (size_t k = 0; k < latencies.size(); ++k) {
+        if (limit.results[k] > 0) {
+            microseconds += latencies[k];
+            results += static_cast<double>(limit.results[k]);
+        }
+    }
+    return results == 0 ? 0 : microseconds * 1e3 / results;
+}
+
+std::string describe(const DictionaryReport& report) {
+    std::ostringstream out;
+    out << with_thousands(report.items) << " items (" << with_thousands(report.invalid) << " invalid skipped, "
+        << with_thousands(report.merged) << " merged), keys " << mebibytes(report.key_bytes) << " MiB, values "
+        << mebibytes(report.value_bytes) << " MiB, " << with_thousands(report.shortened_keys)
+        << " key(s) longer than 254 bytes; keywords: " << with_thousands(report.keywords.size() - ABSENT_KEYWORDS)
+        << " present (";
+    for (size_t g = 0; g < 3; ++g) {
+        out << (g ? ", " : "") << group_size(report, GROUPS[g]) << " of " << GROUPS[g].title;
+    }
+    out << ") + " << group_size(report, GROUPS[3]) << " absent";
+    return out.str();
+}
+
+void print_console(const DictionaryReport& report) {
+    std::printf("\n%s: %s\n", report.name.c_str(), describe(report).c_str());
+    std::printf("load average %s before, %s after; %.0f s\n", report.load_before.c_str(), report.load_after.c_str(),
+                report.seconds);
+    std::printf("%-20s %6s %8s %9s %9s | %-36s | %-36s | %-11s %-11s\n", "", "passes", "build s", "disk MiB", "load ms",
+                "limit 20: median / p99 / max us, res", "limit 65535: median / p99 / max us, res", "same@65535",
+                "same@20");
+    for (const ContenderFigures& c : report.contenders) {
+        std::string cells[LIMIT_COUNT];
+        for (size_t l = 0; l < LIMIT_COUNT; ++l) {
+            std::vector<double> latencies = c.limits[l].latencies_us();
+            cells[l] = figure(percentile(latencies, 0.5)) + " / " + figure(percentile(latencies, 0.99)) + " / " +
+                       figure(percentile(latencies, 1.0)) + ", " + figure(c.limits[l].mean_results());
+        }
+        bool reference = &c == &report.contenders.front();
+        std::printf("%-20s %6d %8.2f %9s %9.1f | %-36s | %-36s | %-11s %-11s\n", c.name.c_str(), c.passes,
+                    c.build_seconds, mebibytes(c.disk_bytes).c_str(), c.load_ms, cells[0].c_str(), cells[1].c_str(),
+                    reference ? "reference" : c.limits[FULL].agreement.summary().c_str(),
+                    reference ? "reference" : c.limits[0].agreement.summary().c_str());
+    }
+    for (const ContenderFigures& c : report.contenders) {
+        for (size_t l = 0; l < LIMIT_COUNT; ++l) {
+            if (!c.limits[l].agreement.first_difference.empty()) {
+                std::printf("  %s differs at limit %u, first: %s\n", c.name.c_str(), LIMITS[l],
+                            c.limits[l].agreement.first_difference.c_str());
+            }
+        }
+        if (!c.remark.empty()) {
+            std::printf("  %s: %s\n", c.name.c_str(), c.remark.c_str());
+        }
+    }
+    std::printf("median us by keyword kind (limit 20 | limit 65535):\n");
+    for (const ContenderFigures& c : report.contenders) {
+        std::printf("  %-20s", c.name.c_str());
+        for (size_t l = 0; l < LIMIT_COUNT; ++l) {
+            for (const Group& group : GROUPS) {
+                std::printf(" %s %8s", group.title, figure(group_median(report, c.limits[l], group)).c_str());
+            }
+            std::printf(l == 0 ? " |" : "\n");
+        }
+    }
+    std::printf("quorvex: %.1f ns per returned result at limit 65535; %zu answer(s) cut at 65535\n",
+                nanoseconds_per_result(report.contenders.front()), report.quorvex_cut);
+}
+
+void write_markdown(const std::vector<DictionaryReport>& reports, const Options& options, const std::string& path) {
+    std::ofstream out(path);
+    out << "Passes over the keywords: Quorvex " << options.quorvex_passes << ", every other contender "
+        << options.passes << ". Latencies in microseconds. " << contender_versions() << ".\n";
+    for (const DictionaryReport& report : reports) {
+        out << "\n### " << report.name << "\n\n" << describe(report) << ". Load average " << report.load_before
+            << " before, " << report.load_after << " after (" << format("%.0f", report.seconds) << " s).\n\n";
+        out << "| Contender | Build s | On disk MiB | Load ms | L20 median | L20 p99 | L20 max | L20 results | "
+               "L65535 median | L65535 p99 | L65535 max | L65535 results | Same keys, L65535 | Same answer, L20 |\n";
+        out << "|---|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|\n";
+        for (const ContenderFigures& c : report.contenders) {
+            bool reference = &c == &report.contenders.front();
+            out << "| " << c.name << " | " << format("%.2f", c.build_seconds) << " | " << mebibytes(c.disk_bytes) << " | "
+                << figure(c.load_ms);
+            for (size_t l = 0; l < LIMIT_COUNT; ++l) {
+                std::vector<double> latencies = c.limits[l].latencies_us();
+                out << " | " << figure(percentile(latencies, 0.5)) << " | " << figure(percentile(latencies, 0.99))
+                    << " | " << figure(percentile(latencies, 1.0)) << " | " << figure(c.limits[l].mean_results());
+            }
+            for (size_t l : {FULL, size_t{0}}) {
+                const Agreement& agreement = c.limits[l].agreement;
+                out << " | " << (reference ? "reference" : agreement.summary());
+            }
+            out << " |\n";
+        }
+        out << "\nMedian latency by keyword kind, limit 20 / limit 65535:\n\n| Contender |";
+        for (const Group& group : GROUPS) {
+            out << " " << group.title << " (" << group_size(report, group) << ") |";
+        }
+        out << "\n|---|--:|--:|--:|--:|\n";
+        for (const ContenderFigures& c : report.contenders) {
+            out << "| " << c.name << " |";
+            for (const Group& group : GROUPS) {
+                out << " " << figure(group_median(report, c.limits[0], group)) << " / "
+                    << figure(group_median(report, c.limits[FULL], group)) << " |";
+            }
+            out << "\n";
+        }
+        out << "\nQuorvex: " << format("%.1f", nanoseconds_per_result(report.contenders.front()))
+            << " ns per returned result at limit 65535; " << report.quorvex_cut
+            << " answer(s) filled the limit of 65535 (not compared at that limit).\n";
+        for (const ContenderFigures& c : report.contenders) {
+            for (size_t l = 0; l < LIMIT_COUNT; ++l) {
+                const Agreement& agreement = c.limits[l].agreement;
+                if (!agreement.first_difference.empty()) {
+                    out << "\n" << c.name << " differs at limit " << LIMITS[l] << ", first: " << agreement.first_difference
+                        << "\n";
+                }
+            }
+            if (!c.remark.empty()) {
+                out << "\n" << c.name << ": " << c.remark << ".\n";
+            }
+        }
+    }
+    if (!out) {
+        throw std::runtime_error(path + ": write failed");
+    }
+}
+
+// One block per dictionary, limit and contender (in that nesting), blocks
+// separated by two blank lines for gnuplot's `index`: the per-keyword
+// latencies sorted, each with the fraction of keywords at or below it.
+void write_plot_data(const std::vector<DictionaryReport>& reports, const std::string& path) {
+    std::ofstream out(path);
+    out << "# dictionaries:";
+    for (const DictionaryReport& report : reports) {
+        out << " " << report.name;
+    }
+    out << "\n# limits: " << LIMITS[0] << " " << LIMITS[1] << "\n# contenders:";
+    for (const ContenderFigures& c : reports.front().contenders) {
+        out << " " << directory_name(c.name);
+    }
+    out << "\n";
+    bool first = true;
+    for (const DictionaryReport& report : reports) {
+        for (size_t l = 0; l < LIMIT_COUNT; ++l) {
+            for (const ContenderFigures& c : report.contenders) {
+                out << (first ? "" : "\n\n") << "# " << report.name << " limit " << LIMITS[l] << " " << c.name << "\n";
+                first = false;
+                std::vector<double> latencies = c.limits[l].latencies_us();
+                std::sort(latencies.begin(), latencies.end());
+                for (size_t i = 0; i < latencies.size(); ++i) {
+                    out << format("%.3f", latencies[i]) << " "
+                        << format("%.5f", static_cast<double>(i + 1) / static_cast<double>(latencies.size())) << "\n";
+                }
+            }
+        }
+    }
+    if (!out) {
+        throw std::runtime_error(path + ": write failed");
+    }
+}
+
+// ---- Self-check -------------------------------------------------------------
+
+// A small dictionary whose answers are worked out by hand, run through every
+// contender before anything is timed. It covers what the real dictionaries
+// might not show clearly: characters that are special to LIKE and GLOB,
+// case, overlapping occurrences, several positions in one key, multi-byte
+// characters, and a key longer than 254 bytes whose tail the index does not
+// search.
+void self_check() {
+    // 130 times é and a q: 261 bytes, of which the index stores the first
+    // 127 é (254 bytes).
+    std::string long_key;
+    for (int i = 0; i < 130; ++i) {
+        long_key += "\xC3\xA9";
+    }
+    long_key += "q";
+    // Key numbers in byte order: 0 "%_*?[]", 1 "Ab", 2 "[x]", 3 "a%b",
+    // 4 "a_b", 5 "aaa", 6 "ab", 7 "b*a", 8 "ba?", 9 "bab", 10 the long key.
+    std::vector<std::string> keys = {"bab", "a%b", "aaa", "%_*?[]", "Ab", "[x]", "a_b", "ab", "b*a", "ba?", long_key};
+    std::vector<std::string> values;
+    for (const std::string& key : keys) {
+        values.push_back("value of " + key);
+    }
+    Dictionary dictionary = make_dictionary("self-check", keys, values);
+
+    std::vector<uint32_t> many_e(126, 10);  // "éé" at positions 0..125 of the stored 127
+    struct Case {
+        std::string keyword;
+        std::vector<uint32_t> expected;  // Quorvex's answer, limit 65535
+    };
+    const std::vector<Case> cases = {
+        {"a", {3, 4, 5, 6, 5, 8, 9, 5, 7}},
+        {"aa", {5, 5}},
+        {"b", {7, 8, 9, 1, 6, 3, 4, 9}},
+        {"ab", {6, 9}},
+        {"bab", {9}},
+        {"A", {1}},
+        {"%", {0, 3}},
+        {"_", {0, 4}},
+        {"*", {7, 0}},
+        {"?", {8, 0}},
+        {"[", {2, 0}},
+        {"]", {2, 0}},
+        {"[x]", {2}},
+        {"\xC3\xA9\xC3\xA9", many_e},
+        {"q", {}},
+        {"\xC3\xA9q", {}},
+        {"zzz", {}},
+    };
+
+    TemporaryDirectory temporary;
+    std::vector<std::unique_ptr<Contender>> contenders = all_contenders();
+    for (auto& contender : contenders) {
+        std::string directory = temporary.make(directory_name(contender->name()));
+        contender->build(dictionary, directory);
+        contender->load(directory);
+        contender->verify(dictionary);
+        for (const Case& item : cases) {
+            for (uint32_t limit : {LIMITS[0], LIMITS[1], uint32_t{5}}) {
+                contender->search(item.keyword, limit);
+                std::vector<uint32_t> answer = contender->answer_keys();
+                contender->release();
+                std::vector<uint32_t> expected(item.expected.begin(),
+                                               item.expected.begin() + std::min<size_t>(limit, item.expected.size()));
+                bool same;
+                if (contender->index_order()) {
+                    same = answer == expected;
+                } else {
+                    std::set<uint32_t> all(item.expected.begin(), item.expected.end());
+                    std::set<uint32_t> got(answer.begin(), answer.end());
+                    same = got.size() == answer.size() && answer.size() == std::min<size_t>(limit, all.size()) &&
+                           std::includes(all.begin(), all.end(), got.begin(), got.end());
+                }
+                if (!same) {
+                    throw std::logic_error("self-check: " + contender->name() + " answers \"" + item.keyword +
+                                           "\" at limit " + std::to_string(limit) + " with " +
+                                           std::to_string(answer.size()) + " result(s), expected " +
+                                           std::to_string(expected.size()));
+                }
+            }
+        }
+        contender->unload();
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options = parse_options(argc, argv);
+    try {
+        self_check();
+        progress("self-check passed");
+        std::vector<DictionaryReport> reports;
+        for (const std::string& path : options.dictionaries) {
+            reports.push_back(run_dictionary(path, options));
+            print_console(reports.back());
+            std::fflush(stdout);
+        }
+        std::printf("\n%s\n", contender_versions().c_str());
+        if (!options.markdown_path.empty()) {
+            write_markdown(reports, options, options.markdown_path);
+        }
+        if (!options.plot_path.empty()) {
+            write_plot_data(reports, options.plot_path);
+        }
+        for (const DictionaryReport& report : reports) {
+            for (const ContenderFigures& c : report.contenders) {
+                for (const LimitFigures& limit : c.limits) {
+                    if (limit.agreement.agreed != limit.agreement.compared) {
+                        progress("some answers differ from Quorvex's; see the table");
+                        return 1;
+                    }
+                }
+            }
+        }
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "quorvex_bench_compare: %s\n", error.what());
+        return 1;
+    }
+    return 0;
+}
