@@ -19,6 +19,8 @@
 //             uint16 gives any of U+0001..U+FFFE
 //   the rest  keywords, three bytes each (key, first character, 1 + byte % 6
 //             characters), at most eight; without any, one piece of each key.
+// Besides these, each character of the keys and each two-character piece of
+// keys up to 24 characters long is searched at two limits.
 //
 // Every execution builds an index, and the writer's table of 65535 rows costs
 // the same however few items there are: inputs stay small.
@@ -27,6 +29,7 @@
 #include <cstdint>
 #include <cstring>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -223,13 +226,32 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
 
     Rc<IndexReader> reader = IndexReader::from_bytes(blobs[0], blobs[1], blobs[2], blobs[3]);
-    for (const std::vector<uint32_t>& piece : pieces) {
+    auto compare = [&](const std::vector<uint32_t>& piece, uint16_t limit) {
         std::string keyword = encode_within(piece, 0, piece.size(), 254);
+        Results results = reader->search(keyword, limit);
+        std::vector<Hit> hits = checked_hits(results, *blobs[2], *blobs[3], keyword, limit);
+        require_same_hits(hits, reference_search(keys, keyword, piece[0], limit), keyword, limit);
+    };
+    for (const std::vector<uint32_t>& piece : pieces) {
         for (uint16_t limit : {0, 1, 2, 3, 65535}) {
-            Results results = reader->search(keyword, limit);
-            std::vector<Hit> hits = checked_hits(results, *blobs[2], *blobs[3], keyword, limit);
-            require_same_hits(hits, reference_search(keys, keyword, piece[0], limit), keyword, limit);
+            compare(piece, limit);
         }
+    }
+    // The build is what costs; a search costs next to nothing. So every
+    // build is also searched for each of its characters alone and for each
+    // two-character piece of its shorter keys, at the extreme limits.
+    std::set<std::vector<uint32_t>> more;
+    for (const ReferenceKey& key : keys) {
+        for (size_t i = 0; i < key.characters.size(); ++i) {
+            more.insert({key.characters[i]});
+            if (key.characters.size() <= 24 && i + 1 < key.characters.size()) {
+                more.insert({key.characters[i], key.characters[i + 1]});
+            }
+        }
+    }
+    for (const std::vector<uint32_t>& piece : more) {
+        compare(piece, piece.size() == 1 ? 0 : 1);
+        compare(piece, 65535);
     }
     ++searched_inputs;
     return 0;

@@ -354,11 +354,12 @@ void damage(Generated& generated, ByteSource& in) {
         std::vector<uint8_t>& blob = generated.files.blobs[edit & 3];
         size_t at = blob.empty() ? 0 : where % blob.size();
         if ((edit & 3) == 0 && (edit & 0x10) != 0 && !generated.row_bytes.empty()) {
-            at = generated.row_bytes[where % generated.row_bytes.size()];
+            // Positions in the table as generated: an earlier edit may have cut it.
+            at = std::min(generated.row_bytes[where % generated.row_bytes.size()], blob.size());
         }
         switch ((edit >> 2) & 3) {
             case 0:
-                if (!blob.empty()) {
+                if (at < blob.size()) {
                     blob[at] ^= (what & 0xFF) == 0 ? 1 : static_cast<uint8_t>(what);
                 }
                 break;
