@@ -1,11 +1,11 @@
 #include "Assertions.h"
 #include "Reader/IndexReader.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <memory>
 #include <stdexcept>
 
 #include "Format.h"
@@ -283,22 +283,20 @@ uint16 IndexReader::search_intersecting(const Keyword& keyword, uint16 limit, st
     // The shortest list drives; each of its entries is looked for in the
     // others, whose cursors only move forward. What is found everywhere is a
     // candidate, in ascending order as the first character's list holds it.
-    size_t shortest = 0;
-    for (size_t j = 1; j < count; ++j) {
-        if (lists[j].count < lists[shortest].count) {
-            shortest = j;
-        }
+    // The others are asked shortest first: they turn candidates away soonest.
+    size_t order[Format::MAX_CELLS_PER_ROW + 1];
+    for (size_t j = 0; j < count; ++j) {
+        order[j] = j;
     }
+    std::sort(order, order + count, [&](size_t a, size_t b) { return lists[a].count < lists[b].count; });
     uint32 cursors[Format::MAX_CELLS_PER_ROW + 1] = {};
     uint16 found = 0;
-    const PostingList& driver = lists[shortest];
+    const PostingList& driver = lists[order[0]];
     for (uint32 i = 0; i < driver.count; ++i) {
         uint32 entry = driver.at(i);
         bool everywhere = true;
-        for (size_t j = 0; j < count && everywhere; ++j) {
-            if (j == shortest) {
-                continue;
-            }
+        for (size_t n = 1; n < count && everywhere; ++n) {
+            size_t j = order[n];
             if (!lists[j].seek(cursors[j], entry)) {
                 return found;  // a list ran out: nothing further can match
             }
