@@ -281,7 +281,8 @@ uint16 IndexReader::search_intersecting(const Keyword& keyword, uint16 limit, st
         }
     }
     // The shortest list drives; each of its entries is looked for in the
-    // others, whose cursors only move forward. What is found everywhere is a
+    // others, whose cursors only move forward, and when one of them has
+    // nothing until a later entry the driver jumps ahead to it. What is found everywhere is a
     // candidate, in ascending order as the first character's list holds it.
     // The others are asked shortest first: they turn candidates away soonest.
     size_t order[Format::MAX_CELLS_PER_ROW + 1];
@@ -292,22 +293,31 @@ uint16 IndexReader::search_intersecting(const Keyword& keyword, uint16 limit, st
     uint32 cursors[Format::MAX_CELLS_PER_ROW + 1] = {};
     uint16 found = 0;
     const PostingList& driver = lists[order[0]];
-    for (uint32 i = 0; i < driver.count; ++i) {
-        uint32 entry = driver.at(i);
-        bool everywhere = true;
-        for (size_t n = 1; n < count && everywhere; ++n) {
+    uint32& next = cursors[order[0]];
+    while (next < driver.count) {
+        uint32 entry = driver.at(next);
+        uint32 ahead = entry;  // the smallest entry another list can still offer
+        for (size_t n = 1; n < count && ahead == entry; ++n) {
             size_t j = order[n];
             if (!lists[j].seek(cursors[j], entry)) {
                 return found;  // a list ran out: nothing further can match
             }
-            everywhere = lists[j].at(cursors[j]) == entry;
+            ahead = lists[j].at(cursors[j]);
         }
-        if (everywhere && this->try_entry(keyword, entry, char_position, results)) {
+        if (ahead != entry) {
+            // Nothing below `ahead` can be in every list: the driver skips there.
+            if (!driver.seek(next, ahead)) {
+                return found;
+            }
+            continue;
+        }
+        if (this->try_entry(keyword, entry, char_position, results)) {
             ++found;
             if (found >= limit) {
                 break;
             }
         }
+        ++next;
     }
     return found;
 }
