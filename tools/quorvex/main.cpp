@@ -1,4 +1,4 @@
-// quorvex: build, search, inspect and verify Quorvex indexes.
+// quorvex: build, search, describe and verify Quorvex indexes.
 //
 // Exit codes: 0 success (a search without hits included), 1 bad data or a
 // damaged, missing or unwritable index, 2 a wrong command line.
@@ -14,7 +14,7 @@
 using namespace quorvex_tool;
 
 int main(int argc, char** argv) {
-    CLI::App app{"quorvex: build, search, inspect and verify Quorvex substring indexes", "quorvex"};
+    CLI::App app{"quorvex: build, search, describe and verify Quorvex substring indexes", "quorvex"};
     app.require_subcommand(1);
 
     BuildOptions build;
