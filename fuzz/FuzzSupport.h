@@ -15,6 +15,7 @@
 
 #include "Reader/IndexReader.h"
 #include "TypeDefinitions.h"
+#include "Utf8.h"
 
 namespace quorvex_fuzz {
 
@@ -67,23 +68,7 @@ private:
     size_t position_ = 0;
 };
 
-inline void append_utf8(std::string& out, uint32_t code_point) {
-    if (code_point < 0x80) {
-        out += static_cast<char>(code_point);
-    } else if (code_point < 0x800) {
-        out += static_cast<char>(0xC0 | (code_point >> 6));
-        out += static_cast<char>(0x80 | (code_point & 0x3F));
-    } else if (code_point < 0x10000) {
-        out += static_cast<char>(0xE0 | (code_point >> 12));
-        out += static_cast<char>(0x80 | ((code_point >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (code_point & 0x3F));
-    } else {
-        out += static_cast<char>(0xF0 | (code_point >> 18));
-        out += static_cast<char>(0x80 | ((code_point >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((code_point >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (code_point & 0x3F));
-    }
-}
+inline void append_utf8(std::string& out, uint32_t code_point) { Lexarium::Utf8::append(out, code_point); }
 
 inline bool is_continuation(uint8_t byte) { return (byte & 0xC0) == 0x80; }
 

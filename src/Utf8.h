@@ -28,6 +28,9 @@ inline void decode(const std::string& text, std::vector<uint32>& code_points, Co
 // touches no shared state, so any number of threads may call it at once.
 void decode(const std::string& text, std::vector<uint32>& code_points);
 
+// Appends the UTF-8 bytes of `code_point` (below U+110000) to `out`.
+void append(std::string& out, uint32 code_point);
+
 }  // namespace Lexarium::Utf8
 
 #endif

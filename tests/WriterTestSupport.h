@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "TestSupport.h"
+#include "Utf8.h"
 #include "Writer/IndexWriter.h"
 
 namespace quorvex_test {
@@ -49,21 +50,7 @@ inline Blobs build(const Items& items) {
 // UTF-8 of code point `code_point` (below U+110000).
 inline std::string utf8(uint32 code_point) {
     std::string out;
-    if (code_point < 0x80) {
-        out += static_cast<char>(code_point);
-    } else if (code_point < 0x800) {
-        out += static_cast<char>(0xC0 | (code_point >> 6));
-        out += static_cast<char>(0x80 | (code_point & 0x3F));
-    } else if (code_point < 0x10000) {
-        out += static_cast<char>(0xE0 | (code_point >> 12));
-        out += static_cast<char>(0x80 | ((code_point >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (code_point & 0x3F));
-    } else {
-        out += static_cast<char>(0xF0 | (code_point >> 18));
-        out += static_cast<char>(0x80 | ((code_point >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((code_point >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (code_point & 0x3F));
-    }
+    Lexarium::Utf8::append(out, code_point);
     return out;
 }
 
