@@ -61,14 +61,21 @@ struct Options {
     int quorvex_passes = 5;
     int passes = 1;
     size_t keywords = PRESENT_KEYWORDS;
+    // Names of the contenders to run besides Quorvex, which always runs
+    // (it is the reference); empty: all of them.
+    std::vector<std::string> contenders;
+    // How many of Quorvex's slowest keywords to list per limit.
+    size_t slowest = 0;
 };
 
 void usage() {
     std::fprintf(stderr,
                  "usage: quorvex_bench_compare [--markdown FILE] [--plot-data FILE] [--quorvex-passes N] [--passes N]\n"
-                 "                             [--keywords N] [DICTD_INDEX...]\n"
+                 "                             [--keywords N] [--contenders NAME,...] [--slowest N] [DICTD_INDEX...]\n"
                  "Without DICTD_INDEX: the FreeDict German-English and Japanese-English dictionaries and GCIDE\n"
-                 "from /usr/share/dictd. --passes counts the passes of every contender but Quorvex.\n");
+                 "from /usr/share/dictd. --passes counts the passes of every contender but Quorvex.\n"
+                 "--contenders runs Quorvex and the named ones only (scan, suffix-array, sqlite-fts5-trigram,\n"
+                 "sqlite-like); --slowest lists Quorvex's N slowest keywords per limit on standard error.\n");
 }
 
 Options parse_options(int argc, char** argv) {
@@ -102,6 +109,16 @@ Options parse_options(int argc, char** argv) {
             options.passes = static_cast<int>(count());
         } else if (argument == "--keywords") {
             options.keywords = static_cast<size_t>(count());
+        } else if (argument == "--contenders") {
+            std::stringstream names(value());
+            std::string name;
+            while (std::getline(names, name, ',')) {
+                if (!name.empty()) {
+                    options.contenders.push_back(name);
+                }
+            }
+        } else if (argument == "--slowest") {
+            options.slowest = static_cast<size_t>(count());
         } else if (argument == "-h" || argument == "--help") {
             usage();
             std::exit(0);
@@ -169,6 +186,28 @@ std::vector<std::unique_ptr<Contender>> all_contenders() {
     contenders.push_back(make_sqlite_fts5());
     contenders.push_back(make_sqlite_like());
     return contenders;
+}
+
+// Quorvex and those of `names` (empty: all); an unknown name is an error.
+std::vector<std::unique_ptr<Contender>> chosen_contenders(const std::vector<std::string>& names) {
+    std::vector<std::unique_ptr<Contender>> all = all_contenders();
+    for (const std::string& name : names) {
+        bool known = false;
+        for (const auto& contender : all) {
+            known = known || directory_name(contender->name()) == name;
+        }
+        if (!known) {
+            throw std::invalid_argument("no contender is called \"" + name + "\"");
+        }
+    }
+    std::vector<std::unique_ptr<Contender>> chosen;
+    for (auto& contender : all) {
+        std::string name = directory_name(contender->name());
+        if (chosen.empty() || names.empty() || std::find(names.begin(), names.end(), name) != names.end()) {
+            chosen.push_back(std::move(contender));
+        }
+    }
+    return chosen;
 }
 
 // ---- Agreement with Quorvex -------------------------------------------------
@@ -342,7 +381,7 @@ DictionaryReport run_dictionary(const std::string& path, const Options& options)
     const std::vector<Keyword>& keywords = report.keywords;
 
     TemporaryDirectory temporary;
-    std::vector<std::unique_ptr<Contender>> contenders = all_contenders();
+    std::vector<std::unique_ptr<Contender>> contenders = chosen_contenders(options.contenders);
     std::vector<std::string> directories;
     for (auto& contender : contenders) {
         ContenderFigures figures;
@@ -445,6 +484,20 @@ DictionaryReport run_dictionary(const std::string& path, const Options& options)
     }
     for (auto& contender : contenders) {
         contender->unload();
+    }
+    for (size_t l = 0; l < LIMIT_COUNT && options.slowest > 0; ++l) {
+        std::vector<double> latencies = report.contenders[0].limits[l].latencies_us();
+        std::vector<size_t> order(keywords.size());
+        for (size_t k = 0; k < order.size(); ++k) {
+            order[k] = k;
+        }
+        std::sort(order.begin(), order.end(), [&](size_t a, size_t b) { return latencies[a] > latencies[b]; });
+        order.resize(std::min(order.size(), options.slowest));
+        for (size_t k : order) {
+            progress("slow at limit " + std::to_string(LIMITS[l]) + ": \"" + keywords[k].text + "\" " +
+                     std::to_string(latencies[k]) + " us, " +
+                     std::to_string(report.contenders[0].limits[l].results[k]) + " result(s)");
+        }
     }
     report.load_after = load_average();
     report.seconds = seconds_since(start);

@@ -10,17 +10,17 @@
 
 #include "Format.h"
 #include "LittleEndian.h"
+#include "Reader/SearchParts.h"
 #include "Utf8.h"
 
 // Abort messages name functions as declared here ("const string&").
 typedef std::string string;
+
 namespace Lexarium::Reader {
 
 namespace {
-
 // Reads the whole file or throws; the caller closes `file`.
 void read_into(FILE* file, ByteArray& bytes);
-
 }  // namespace
 
 Rc<ByteArray> read_file(const string& file_path) {
@@ -54,22 +54,23 @@ struct IndexReader::Keyword {
     std::vector<uint32> characters;  // as decoded (an incomplete last one dropped)
 };
 
-// A search walks positions 0, 1, ... of the row of the keyword's first
-// character until it has `limit` results or has tried position 254. Each
-// position is asked for what is still missing (modulo 2^16) and checks its
-// limit after appending, so `limit` 0 yields the first prefix hit, if any.
+// A search walks positions 0, 1, ... of the keyword's first character until it has
+// `limit` results or has passed the last position where every character of the keyword
+// has a cell. Each position is asked for what is still missing (modulo 2^16) and checks
+// its limit after appending, so `limit` 0 yields the first prefix hit, if any.
 Rc<std::vector<Rc<SearchResult>>> IndexReader::search(const string& keyword, uint16 limit) {
     assert(keyword.length() < 255);
     Rc<std::vector<Rc<SearchResult>>> results(new std::vector<Rc<SearchResult>>());
     Keyword prepared = this->prepare(keyword);
-    uint32 total = 0;
-    uint32 visited_count = 0;
+    int32_t last = this->last_position(prepared);
     bool intersect = prepared.characters.size() >= 2;  // one character: nothing to intersect
-    for (uint32 char_position = 0; char_position <= Format::MAX_CELLS_PER_ROW; ++char_position) {
+    Scratch scratch;  // left uninitialized: each position fills what it uses
+    uint32 total = 0;
+    for (int32_t char_position = 0; char_position <= last; ++char_position) {
         uint16 remaining = static_cast<uint16>(limit - total);
         uint8 position = static_cast<uint8>(char_position);
-        total += intersect ? this->search_intersecting(prepared, remaining, results.get(), position)
-                           : this->search_at(prepared, remaining, results.get(), visited_count, position);
+        total += intersect ? this->search_intersecting(prepared, remaining, results.get(), position, scratch)
+                           : this->search_one_character(prepared, remaining, results.get(), position);
         if (total >= limit) {
             break;
         }
@@ -159,48 +160,26 @@ IndexReader::Keyword IndexReader::prepare(const string& keyword) const {
     return prepared;
 }
 
-// A posting list inside index.bin: `count` little-endian uint32 entries.
-struct IndexReader::PostingList {
-    const uint8* entries = nullptr;
-    uint32 count = 0;
-
-    uint32 at(uint32 i) const { return LittleEndian::load_u32(this->entries + 4 * size_t{i}); }
-
-    // Moves `cursor` forward to the first entry not below `wanted`,
-    // galloping ahead then halving back; false when the list runs out.
-    bool seek(uint32& cursor, uint32 wanted) const {
-        if (cursor >= this->count) {
-            return false;
-        }
-        if (this->at(cursor) >= wanted) {
-            return true;
-        }
-        // at(low) < wanted; double the step until at(high) >= wanted.
-        uint64_t low = cursor;
-        uint64_t step = 1;
-        uint64_t high = low + step;
-        while (high < this->count && this->at(static_cast<uint32>(high)) < wanted) {
-            low = high;
-            step *= 2;
-            high = low + step;
-        }
-        if (high > this->count) {
-            high = this->count;
-        }
-        // The first entry in (low, high] not below `wanted`.
-        uint64_t first = low + 1;
-        while (first < high) {
-            uint64_t middle = first + (high - first) / 2;
-            if (this->at(static_cast<uint32>(middle)) < wanted) {
-                first = middle + 1;
-            } else {
-                high = middle;
-            }
-        }
-        cursor = static_cast<uint32>(first);
-        return cursor < this->count;
+// The last position at which the first character's row has a cell and,
+// for a keyword of two or more characters, so has every later character's
+// row at its own distance from it; -1 when there is none. Rows never
+// shrink, so no position after it can match.
+int32_t IndexReader::last_position(const Keyword& keyword) const {
+    if (!keyword.has_row) {
+        return -1;
     }
-};
+    int32_t last = Format::MAX_CELLS_PER_ROW;
+    size_t count = keyword.characters.size() >= 2 ? keyword.characters.size() : 1;
+    for (size_t j = 0; j < count; ++j) {
+        uint32 code_point = j == 0 ? keyword.row : keyword.characters[j];
+        if (code_point >= Format::TABLE_ROW_COUNT) {
+            return -1;
+        }
+        int32_t cells = this->index_table->rows[code_point]->get_cells_count();
+        last = std::min(last, cells - 1 - static_cast<int32_t>(j));
+    }
+    return last;
+}
 
 bool IndexReader::find_list(uint32 code_point, uint32 char_position, PostingList& list) const {
     if (code_point >= Format::TABLE_ROW_COUNT || char_position > Format::MAX_CELLS_PER_ROW) {
@@ -229,7 +208,8 @@ uint16 IndexReader::search(const string& keyword, uint16 limit, std::vector<Rc<S
 // Walks the posting list of cell `char_position` in the keyword's row. Each
 // entry is a key that has the keyword's first character at that position;
 // it matches when the keyword's bytes stand at that character's byte offset
-// inside the key's own stored text.
+// inside the key's own stored text. This is the search as defined; the
+// two-argument search gets the same answer faster.
 uint16 IndexReader::search_at(const Keyword& keyword, uint16 limit, std::vector<Rc<SearchResult>>* results,
                               uint32& visited_count, uint8 char_position) const {
     if (!keyword.has_row) {
@@ -248,7 +228,9 @@ uint16 IndexReader::search_at(const Keyword& keyword, uint16 limit, std::vector<
         ++visited_count;
         ByteArray entry_bytes = view_inside(*this->index_bytes, uint64_t{list_offset} + uint64_t{4} * i, 4);
         uint32 entry = LittleEndian::load_u32(entry_bytes.data);
-        if (this->try_entry(keyword, entry, char_position, results)) {
+        Match match;
+        if (this->match_key(keyword, entry, char_position, match)) {
+            this->append_result(match, results);
             ++found;
             if (found >= limit) {
                 break;
@@ -257,75 +239,269 @@ uint16 IndexReader::search_at(const Keyword& keyword, uint16 limit, std::vector<
     }
     return found;
 }
+
+namespace {
+
+// Candidates are checked this many at a time: first every key record of the
+// batch, then the value records of those that matched, each fetched from
+// memory a few places ahead of its use so that the fetches overlap.
+constexpr uint32 BATCH_SIZE = 64;
+constexpr uint32 FETCH_AHEAD = 8;
+
+// Asks the processor to start loading the record at `offset`, if the blob
+// has such an offset (anything else is left to the range checks).
+inline void fetch_early(const ByteArray& blob, uint32 offset) {
+    if (offset < blob.length) {
+        __builtin_prefetch(blob.data + offset);
+    }
+}
+
+}  // namespace
+
+// Gathers the candidates of one position, in ascending order, and checks
+// them a batch at a time, byte for byte as the walk above does; stops at the
+// position's limit exactly as the walk does, so no candidate after the last
+// result is looked at.
+class IndexReader::Collector {
+public:
+    // `repeats`, when given, is the first character's list of the position:
+    // a matching key is then listed as many times as it holds the key.
+    Collector(const IndexReader& reader, const Keyword& keyword, uint8 char_position, uint16 limit,
+              std::vector<Rc<SearchResult>>* results, const PostingList* repeats)
+        : reader(reader), keyword(keyword), char_position(char_position), results(results),
+          wanted(limit == 0 ? 1 : limit), repeats(repeats) {}
+
+    // Queues `entry`; false once the limit is reached, after which nothing
+    // more may be added.
+    bool add(uint32 entry) {
+        this->pending[this->pending_count++] = entry;
+        return this->pending_count < this->room() || this->check();
+    }
+
+    // Checks what is queued; false once the limit is reached.
+    bool check() {
+        uint32 count = this->pending_count;
+        this->pending_count = 0;
+        const ByteArray& keys = *this->reader.key_bytes;
+        for (uint32 i = 0; i < count && i < FETCH_AHEAD; ++i) {
+            fetch_early(keys, this->pending[i]);
+        }
+        for (uint32 i = 0; i < count; ++i) {
+            if (i + FETCH_AHEAD < count) {
+                fetch_early(keys, this->pending[i + FETCH_AHEAD]);
+            }
+            Match match;
+            if (!this->reader.match_key(this->keyword, this->pending[i], this->char_position, match)) {
+                continue;
+            }
+            for (uint32 times = this->times_listed(match); times > 0; --times) {
+                this->matches[this->matched++] = match;
+                if (this->found + this->matched >= this->wanted) {
+                    this->append_matches();
+                    return false;
+                }
+                if (this->matched == BATCH_SIZE) {
+                    this->append_matches();
+                }
+            }
+        }
+        this->append_matches();
+        return true;
+    }
+
+    uint16 found_count() const { return static_cast<uint16>(this->found); }
+
+private:
+    // A batch never asks for more than the limit still allows, so a small
+    // limit checks no more candidates than it needs.
+    uint32 room() const { return std::min(BATCH_SIZE, this->wanted - this->found); }
+
+    // How often the walk would meet the matched key in the first
+    // character's list. A cell holds a key twice only when its positions
+    // wrap past 255, and a key that long is stored cut to at least 252
+    // bytes; shorter ones are listed once.
+    uint32 times_listed(const Match& match) {
+        if (this->repeats == nullptr || match.key_length < Format::MAX_STORED_KEY_BYTES - 2) {
+            return 1;
+        }
+        uint32 times = 0;
+        if (this->repeats->seek(this->repeats_cursor, match.entry)) {
+            for (uint32 i = this->repeats_cursor; i < this->repeats->count && this->repeats->at(i) == match.entry; ++i) {
+                ++times;
+            }
+        }
+        return times;
+    }
+
+    void append_matches() {
+        const ByteArray& values = *this->reader.data_bytes;
+        for (uint32 m = 0; m < this->matched && m < FETCH_AHEAD; ++m) {
+            fetch_early(values, this->matches[m].data_pointer);
+        }
+        for (uint32 m = 0; m < this->matched; ++m) {
+            if (m + FETCH_AHEAD < this->matched) {
+                fetch_early(values, this->matches[m + FETCH_AHEAD].data_pointer);
+            }
+            this->reader.append_result(this->matches[m], this->results);
+        }
+        this->found += this->matched;
+        this->matched = 0;
+    }
+
+    const IndexReader& reader;
+    const Keyword& keyword;
+    uint8 char_position;
+    std::vector<Rc<SearchResult>>* results;
+    uint32 wanted;  // the position's limit, 0 counting as 1
+    uint32 found = 0;
+    const PostingList* repeats;
+    uint32 repeats_cursor = 0;
+    uint32 pending[BATCH_SIZE];
+    uint32 pending_count = 0;
+    Match matches[BATCH_SIZE];
+    uint32 matched = 0;  // in `matches`, not yet appended
+};
+
+// A keyword of one character (or none): every entry of the cell is a
+// candidate, as in the walk.
+uint16 IndexReader::search_one_character(const Keyword& keyword, uint16 limit,
+                                         std::vector<Rc<SearchResult>>* results, uint8 char_position) const {
+    PostingList list;
+    if (!this->find_list(keyword.row, char_position, list)) {
+        return 0;
+    }
+    Collector collector(*this, keyword, char_position, limit, results, nullptr);
+    for (uint32 i = 0; i < list.count; ++i) {
+        if (!collector.add(list.at(i))) {
+            return collector.found_count();
+        }
+    }
+    collector.check();
+    return collector.found_count();
+}
+
+namespace {
+
+// The driving list is intersected a stretch at a time, the first short so
+// that a small limit stops the work early, each next one twice as long up
+// to this many entries.
+constexpr uint32 FIRST_CHUNK_SIZE = 32;
+constexpr uint32 CHUNK_SIZE = 256;
+// How many entries of the driving list are taken one by one before that.
+constexpr uint32 ENTRY_BY_ENTRY_STEPS = 64;
+
+}  // namespace
 
 // The fast way to the same answer: a key that holds the keyword from
 // character `char_position` on is listed in cell `char_position` of the
 // first character's row, in cell `char_position` + 1 of the second's, and
-// so on. Intersecting those lists (all ascending) leaves exactly the
-// entries of the first list that can match, in their order; each is then
-// checked byte for byte as the walk above checks it.
+// so on. Those lists all ascend. The two shortest are intersected a stretch
+// of the shorter at a time, stepping through both or galloping through the
+// longer; what is left is looked up in the others, shortest first. The keys
+// in every list are a superset of the matches, in the first list's order,
+// and each is then checked byte for byte as the walk checks it.
 uint16 IndexReader::search_intersecting(const Keyword& keyword, uint16 limit, std::vector<Rc<SearchResult>>* results,
-                                        uint8 char_position) const {
-    if (!keyword.has_row) {
-        return 0;
-    }
-    size_t count = keyword.characters.size();
-    PostingList lists[Format::MAX_CELLS_PER_ROW + 1];
+                                        uint8 char_position, Scratch& scratch) const {
+    uint32 count = static_cast<uint32>(keyword.characters.size());
+    PostingList* lists = scratch.lists;
     if (!this->find_list(keyword.row, char_position, lists[0]) || lists[0].count == 0) {
         return 0;
     }
-    for (size_t j = 1; j < count; ++j) {
-        if (!this->find_list(keyword.characters[j], char_position + static_cast<uint32>(j), lists[j]) ||
-            lists[j].count == 0) {
+    for (uint32 j = 1; j < count; ++j) {
+        if (!this->find_list(keyword.characters[j], char_position + j, lists[j]) || lists[j].count == 0) {
             return 0;
         }
     }
-    // The shortest list drives; each of its entries is looked for in the
-    // others, whose cursors only move forward, and when one of them has
-    // nothing until a later entry the driver jumps ahead to it. What is found everywhere is a
-    // candidate, in ascending order as the first character's list holds it.
-    // The others are asked shortest first: they turn candidates away soonest.
-    size_t order[Format::MAX_CELLS_PER_ROW + 1];
-    for (size_t j = 0; j < count; ++j) {
+    uint32* order = scratch.order;
+    for (uint32 j = 0; j < count; ++j) {
         order[j] = j;
+        scratch.cursors[j] = 0;
     }
-    std::sort(order, order + count, [&](size_t a, size_t b) { return lists[a].count < lists[b].count; });
-    uint32 cursors[Format::MAX_CELLS_PER_ROW + 1] = {};
-    uint16 found = 0;
-    const PostingList& driver = lists[order[0]];
-    uint32& next = cursors[order[0]];
-    while (next < driver.count) {
-        uint32 entry = driver.at(next);
+    std::sort(order, order + count, [&](uint32 x, uint32 y) { return lists[x].count < lists[y].count; });
+
+    const PostingList& a = lists[order[0]];
+    const PostingList& b = lists[order[1]];
+    uint32* cursors = scratch.cursors;
+    uint32& a_from = cursors[0];
+    uint32& b_from = cursors[1];
+    Collector collector(*this, keyword, char_position, limit, results, &lists[0]);
+    int64_t last_candidate = -1;
+    auto add = [&](uint32 candidate) {
+        bool more = candidate == last_candidate || collector.add(candidate);
+        last_candidate = candidate;
+        return more;
+    };
+
+    // First entry by entry: each entry of `a` is looked for in the others,
+    // and when one of them has nothing until a later entry, `a` jumps there.
+    // Quickest when the limit is met among the first keys.
+    for (uint32 step = 0; step < ENTRY_BY_ENTRY_STEPS && a_from < a.count; ++step) {
+        uint32 entry = a.at(a_from);
         uint32 ahead = entry;  // the smallest entry another list can still offer
-        for (size_t n = 1; n < count && ahead == entry; ++n) {
-            size_t j = order[n];
-            if (!lists[j].seek(cursors[j], entry)) {
-                return found;  // a list ran out: nothing further can match
+        for (uint32 n = 1; n < count && ahead == entry; ++n) {
+            if (!lists[order[n]].seek(cursors[n], entry)) {
+                collector.check();  // a list ran out: nothing further can match
+                return collector.found_count();
             }
-            ahead = lists[j].at(cursors[j]);
+            ahead = lists[order[n]].at(cursors[n]);
         }
         if (ahead != entry) {
-            // Nothing below `ahead` can be in every list: the driver skips there.
-            if (!driver.seek(next, ahead)) {
-                return found;
-            }
+            a.seek(a_from, ahead);
             continue;
         }
-        if (this->try_entry(keyword, entry, char_position, results)) {
-            ++found;
-            if (found >= limit) {
-                break;
+        if (!add(entry)) {
+            return collector.found_count();
+        }
+        ++a_from;
+    }
+
+    // Then a stretch at a time.
+    uint32 candidates[CHUNK_SIZE];
+    uint32 chunk_size = FIRST_CHUNK_SIZE;
+    bool exhausted = false;
+    while (!exhausted && a_from < a.count && b_from < b.count) {
+        // Later candidates lie past every list's cursor: nothing in `a`
+        // below the furthest of them can match.
+        uint32 ahead = b.at(b_from);
+        for (uint32 n = 2; n < count; ++n) {
+            const PostingList& list = lists[order[n]];
+            if (cursors[n] < list.count) {
+                ahead = std::max(ahead, list.at(cursors[n]));
             }
         }
-        ++next;
+        if (!a.seek(a_from, ahead)) {
+            break;
+        }
+        uint32 a_to = a_from + std::min(a.count - a_from, chunk_size);
+        chunk_size = std::min(CHUNK_SIZE, 2 * chunk_size);
+        uint32 b_to = b_from;
+        b.seek_past(b_to, a.at(a_to - 1));
+        uint32 found;
+        if ((b_to - b_from) / GALLOP_RATIO > a_to - a_from) {
+            uint32 cursor = b_from;
+            found = intersect_by_seeking(a, a_from, a_to, b, cursor, candidates, CHUNK_SIZE);
+        } else {
+            found = intersect_by_merging(a, a_from, a_to, b, b_from, b_to, candidates, CHUNK_SIZE);
+        }
+        a_from = a_to;
+        b_from = b_to;
+        for (uint32 n = 2; n < count && found > 0; ++n) {
+            found = keep_common(lists[order[n]], cursors[n], candidates, found, exhausted);
+        }
+        for (uint32 k = 0; k < found; ++k) {
+            if (!add(candidates[k])) {
+                return collector.found_count();
+            }
+        }
     }
-    return found;
+    collector.check();
+    return collector.found_count();
 }
 
-// Checks the key at `entry` against the keyword at `char_position` and, on
-// a match, appends it with its value.
-bool IndexReader::try_entry(const Keyword& keyword, uint32 entry, uint8 char_position,
-                            std::vector<Rc<SearchResult>>* results) const {
+// Whether the key at `entry` holds the keyword from character
+// `char_position` on; on a match, fills `match` for append_result. The key
+// record must lie inside key.bin.
+bool IndexReader::match_key(const Keyword& keyword, uint32 entry, uint8 char_position, Match& match) const {
     const uint8* wanted = reinterpret_cast<const uint8*>(keyword.text.data());
     uint32 wanted_length = static_cast<uint32>(keyword.text.size());
     uint8 char_byte_counts[256];
@@ -347,16 +523,22 @@ bool IndexReader::try_entry(const Keyword& keyword, uint32 entry, uint8 char_pos
         (wanted_length != 0 && std::memcmp(text + start, wanted, wanted_length) != 0)) {
         return false;
     }
-
-    uint32 data_pointer = LittleEndian::load_u32(record.data);
-    ByteArray value_header = view_inside(*this->data_bytes, data_pointer, Format::VALUE_RECORD_HEADER_SIZE);
-    uint16 value_length = LittleEndian::load_u16(value_header.data);
-    view_inside(*this->data_bytes, uint64_t{data_pointer} + Format::VALUE_RECORD_HEADER_SIZE, value_length);
-    Rc<ByteArray> value = this->data_bytes->borrow(data_pointer + Format::VALUE_RECORD_HEADER_SIZE, value_length);
-    Rc<ByteArray> key = this->key_bytes->borrow(entry + Format::KEY_RECORD_HEADER_SIZE, key_length);
-    results->push_back(Rc<SearchResult>(new SearchResult(key, value)));
+    match.entry = entry;
+    match.data_pointer = LittleEndian::load_u32(record.data);
+    match.key_length = key_length;
     return true;
 }
 
+// Appends the matched key with its value; the value record must lie inside
+// data.bin.
+void IndexReader::append_result(const Match& match, std::vector<Rc<SearchResult>>* results) const {
+    ByteArray value_header = view_inside(*this->data_bytes, match.data_pointer, Format::VALUE_RECORD_HEADER_SIZE);
+    uint16 value_length = LittleEndian::load_u16(value_header.data);
+    view_inside(*this->data_bytes, uint64_t{match.data_pointer} + Format::VALUE_RECORD_HEADER_SIZE, value_length);
+    Rc<ByteArray> value =
+        this->data_bytes->borrow(match.data_pointer + Format::VALUE_RECORD_HEADER_SIZE, value_length);
+    Rc<ByteArray> key = this->key_bytes->borrow(match.entry + Format::KEY_RECORD_HEADER_SIZE, match.key_length);
+    results->push_back(Rc<SearchResult>(new SearchResult(key, value)));
+}
 
 }  // namespace Lexarium::Reader

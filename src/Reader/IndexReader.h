@@ -13,6 +13,8 @@
 
 namespace Lexarium::Reader {
 
+struct PostingList;  // internal to the reader
+
 // Reads a whole file into one new owning array. A path that does not exist
 // stops the process with "std::filesystem::exists(file_path)"; a size that
 // cannot be taken (a directory) throws std::filesystem::filesystem_error;
@@ -98,16 +100,21 @@ private:
     IndexReader();
 
     struct Keyword;
-    struct PostingList;
+    struct Match;
+    struct Scratch;
+    class Collector;
 
     Keyword prepare(const std::string& keyword) const;
+    int32_t last_position(const Keyword& keyword) const;
     bool find_list(uint32 code_point, uint32 char_position, PostingList& list) const;
     uint16 search_at(const Keyword& keyword, uint16 limit, std::vector<Rc<SearchResult>>* results,
                      uint32& visited_count, uint8 char_position) const;
+    uint16 search_one_character(const Keyword& keyword, uint16 limit, std::vector<Rc<SearchResult>>* results,
+                                uint8 char_position) const;
     uint16 search_intersecting(const Keyword& keyword, uint16 limit, std::vector<Rc<SearchResult>>* results,
-                               uint8 char_position) const;
-    bool try_entry(const Keyword& keyword, uint32 entry, uint8 char_position,
-                   std::vector<Rc<SearchResult>>* results) const;
+                               uint8 char_position, Scratch& scratch) const;
+    bool match_key(const Keyword& keyword, uint32 entry, uint8 char_position, Match& match) const;
+    void append_result(const Match& match, std::vector<Rc<SearchResult>>* results) const;
 };
 
 }  // namespace Lexarium::Reader

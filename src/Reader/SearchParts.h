@@ -1,0 +1,32 @@
+#ifndef QUORVEX_READER_SEARCH_PARTS_H
+#define QUORVEX_READER_SEARCH_PARTS_H
+
+// The search's working records, kept out of the public header. Internal to
+// the reader; not installed.
+
+#include "Format.h"
+#include "Reader/IndexReader.h"
+#include "Reader/PostingList.h"
+
+namespace Lexarium::Reader {
+
+// A key that holds the keyword, between checking its record and reading
+// its value.
+struct IndexReader::Match {
+    uint32 entry;         // the key record's offset in key.bin
+    uint32 data_pointer;  // the value record's offset in data.bin
+    uint8 key_length;
+};
+
+// One search's room for the posting lists of a position, on the searching
+// thread's stack and filled anew at each position; indexed by keyword
+// character.
+struct IndexReader::Scratch {
+    PostingList lists[Format::MAX_CELLS_PER_ROW + 1];
+    uint32 order[Format::MAX_CELLS_PER_ROW + 1];    // list indexes, shortest list first
+    uint32 cursors[Format::MAX_CELLS_PER_ROW + 1];  // per place in `order`
+};
+
+}  // namespace Lexarium::Reader
+
+#endif
