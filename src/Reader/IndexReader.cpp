@@ -64,6 +64,9 @@ Rc<std::vector<Rc<SearchResult>>> IndexReader::search(const string& keyword, uin
     Keyword prepared = this->prepare(keyword);
     int32_t last = this->last_position(prepared);
     bool intersect = prepared.characters.size() >= 2;  // one character: nothing to intersect
+    if (!intersect) {
+        results->reserve(this->most_results(prepared, last, limit));
+    }
     Scratch scratch;  // left uninitialized: each position fills what it uses
     uint32 total = 0;
     for (int32_t char_position = 0; char_position <= last; ++char_position) {
@@ -106,6 +109,14 @@ ByteArray view_inside(ByteArray& blob, uint64_t offset, uint64_t count) {
         blob.create_readonly_view(blob.length, 1);  // fails the range check
     }
     return blob.create_readonly_view(static_cast<uint32>(offset), static_cast<uint32>(count));
+}
+
+// The bytes of that view, for reading on the spot without making a record.
+const uint8* bytes_inside(ByteArray& blob, uint64_t offset, uint64_t count) {
+    if (offset + count > blob.length) {
+        view_inside(blob, offset, count);  // stops the process
+    }
+    return blob.data + offset;
 }
 
 }  // namespace
@@ -179,6 +190,22 @@ int32_t IndexReader::last_position(const Keyword& keyword) const {
         last = std::min(last, cells - 1 - static_cast<int32_t>(j));
     }
     return last;
+}
+
+// For a keyword of one character: how many results the search can have at
+// most, the entries of its row's cells up to `last` and no more than the
+// limit allows, so the list is allocated once.
+uint32 IndexReader::most_results(const Keyword& keyword, int32_t last, uint16 limit) const {
+    if (last < 0) {
+        return 0;  // perhaps no row at all
+    }
+    const IndexRow* row = this->index_table->rows[keyword.row].get();
+    uint64_t entries = 0;
+    for (int32_t position = 0; position <= last; ++position) {
+        const uint8* cell = row->underlying_data->data + Format::ROW_HEADER_SIZE + position * Format::CELL_RECORD_SIZE;
+        entries += LittleEndian::load_u32(cell + 4);
+    }
+    return static_cast<uint32>(std::min<uint64_t>(entries, limit == 0 ? 1 : limit));
 }
 
 bool IndexReader::find_list(uint32 code_point, uint32 char_position, PostingList& list) const {
@@ -386,9 +413,9 @@ namespace {
 // that a small limit stops the work early, each next one twice as long up
 // to this many entries.
 constexpr uint32 FIRST_CHUNK_SIZE = 32;
-constexpr uint32 CHUNK_SIZE = 256;
+constexpr uint32 CHUNK_SIZE = MAX_CANDIDATES;
 // How many entries of the driving list are taken one by one before that.
-constexpr uint32 ENTRY_BY_ENTRY_STEPS = 64;
+constexpr uint32 ENTRY_BY_ENTRY_STEPS = 32;
 
 }  // namespace
 
@@ -420,10 +447,8 @@ uint16 IndexReader::search_intersecting(const Keyword& keyword, uint16 limit, st
     std::sort(order, order + count, [&](uint32 x, uint32 y) { return lists[x].count < lists[y].count; });
 
     const PostingList& a = lists[order[0]];
-    const PostingList& b = lists[order[1]];
     uint32* cursors = scratch.cursors;
     uint32& a_from = cursors[0];
-    uint32& b_from = cursors[1];
     Collector collector(*this, keyword, char_position, limit, results, &lists[0]);
     int64_t last_candidate = -1;
     auto add = [&](uint32 candidate) {
@@ -456,6 +481,8 @@ uint16 IndexReader::search_intersecting(const Keyword& keyword, uint16 limit, st
     }
 
     // Then a stretch at a time.
+    const PostingList& b = lists[order[1]];
+    uint32& b_from = cursors[1];
     uint32 candidates[CHUNK_SIZE];
     uint32 chunk_size = FIRST_CHUNK_SIZE;
     bool exhausted = false;
@@ -504,27 +531,31 @@ uint16 IndexReader::search_intersecting(const Keyword& keyword, uint16 limit, st
 bool IndexReader::match_key(const Keyword& keyword, uint32 entry, uint8 char_position, Match& match) const {
     const uint8* wanted = reinterpret_cast<const uint8*>(keyword.text.data());
     uint32 wanted_length = static_cast<uint32>(keyword.text.size());
-    uint8 char_byte_counts[256];
-    ByteArray header = view_inside(*this->key_bytes, entry, Format::KEY_RECORD_HEADER_SIZE);
-    uint8 key_length = header.data[Format::KEY_DATA_POINTER_SIZE];
-    ByteArray record = view_inside(*this->key_bytes, entry, Format::KEY_RECORD_HEADER_SIZE + key_length);
+    const uint8* header = bytes_inside(*this->key_bytes, entry, Format::KEY_RECORD_HEADER_SIZE);
+    uint8 key_length = header[Format::KEY_DATA_POINTER_SIZE];
+    const uint8* record = bytes_inside(*this->key_bytes, entry, Format::KEY_RECORD_HEADER_SIZE + key_length);
     if (static_cast<uint32>(key_length - char_position) < wanted_length) {
         return false;
     }
-    const uint8* text = record.data + Format::KEY_RECORD_HEADER_SIZE;
+    const uint8* text = record + Format::KEY_RECORD_HEADER_SIZE;
 
-    uint8 characters = char_position;
-    get_bytes_count_of_char_from_unicode_string(char_byte_counts, 255, text, key_length, &characters);
-    uint8 start = 0;
-    for (uint8 c = 0; c < characters; ++c) {
-        start = static_cast<uint8>(start + char_byte_counts[c]);
+    // The byte offset of character `char_position`, counted as
+    // get_bytes_count_of_char_from_unicode_string counts: a character is
+    // one byte and the continuation bytes after it; past the end of the
+    // text, the end.
+    uint32 start = 0;
+    for (uint32 c = 0; c < char_position && start < key_length; ++c) {
+        ++start;
+        while (start < key_length && (text[start] & 0xC0) == 0x80) {
+            ++start;
+        }
     }
-    if (uint32{start} + wanted_length > key_length ||
+    if (start + wanted_length > key_length ||
         (wanted_length != 0 && std::memcmp(text + start, wanted, wanted_length) != 0)) {
         return false;
     }
     match.entry = entry;
-    match.data_pointer = LittleEndian::load_u32(record.data);
+    match.data_pointer = LittleEndian::load_u32(record);
     match.key_length = key_length;
     return true;
 }
@@ -532,9 +563,9 @@ bool IndexReader::match_key(const Keyword& keyword, uint32 entry, uint8 char_pos
 // Appends the matched key with its value; the value record must lie inside
 // data.bin.
 void IndexReader::append_result(const Match& match, std::vector<Rc<SearchResult>>* results) const {
-    ByteArray value_header = view_inside(*this->data_bytes, match.data_pointer, Format::VALUE_RECORD_HEADER_SIZE);
-    uint16 value_length = LittleEndian::load_u16(value_header.data);
-    view_inside(*this->data_bytes, uint64_t{match.data_pointer} + Format::VALUE_RECORD_HEADER_SIZE, value_length);
+    uint16 value_length =
+        LittleEndian::load_u16(bytes_inside(*this->data_bytes, match.data_pointer, Format::VALUE_RECORD_HEADER_SIZE));
+    bytes_inside(*this->data_bytes, uint64_t{match.data_pointer} + Format::VALUE_RECORD_HEADER_SIZE, value_length);
     Rc<ByteArray> value =
         this->data_bytes->borrow(match.data_pointer + Format::VALUE_RECORD_HEADER_SIZE, value_length);
     Rc<ByteArray> key = this->key_bytes->borrow(match.entry + Format::KEY_RECORD_HEADER_SIZE, match.key_length);

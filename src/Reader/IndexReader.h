@@ -106,6 +106,7 @@ private:
 
     Keyword prepare(const std::string& keyword) const;
     int32_t last_position(const Keyword& keyword) const;
+    uint32 most_results(const Keyword& keyword, int32_t last, uint16 limit) const;
     bool find_list(uint32 code_point, uint32 char_position, PostingList& list) const;
     uint16 search_at(const Keyword& keyword, uint16 limit, std::vector<Rc<SearchResult>>* results,
                      uint32& visited_count, uint8 char_position) const;

@@ -1,6 +1,8 @@
 #include "Assertions.h"
 #include "Reader/PostingList.h"
 
+#include <cstring>
+
 // Entries are little-endian: where the host is too and has SSE2 (every
 // x86-64), four of them load as one vector.
 #if defined(__SSE2__) && defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
@@ -62,6 +64,28 @@ void merge_by_four(const PostingList& a, uint32& i, uint32 a_to, const PostingLi
     }
 }
 
+// For each mask of eight lanes, the lanes whose bit is set, in order, then
+// the others: the order that packs a block's hits to its front.
+struct PackOrder {
+    int32_t lanes[256][8];
+    constexpr PackOrder() : lanes() {
+        for (unsigned mask = 0; mask < 256; ++mask) {
+            int32_t next = 0;
+            for (int32_t lane = 0; lane < 8; ++lane) {
+                if ((mask >> lane) & 1) {
+                    this->lanes[mask][next++] = lane;
+                }
+            }
+            for (int32_t lane = 0; lane < 8; ++lane) {
+                if (!((mask >> lane) & 1)) {
+                    this->lanes[mask][next++] = lane;
+                }
+            }
+        }
+    }
+};
+constexpr PackOrder PACK_ORDER;
+
 // Eight at a time where the processor has AVX2 (asked once, at run time):
 // twice the entries per step of the loop, whose steps wait on each other.
 __attribute__((target("avx2"))) void merge_by_eight(const PostingList& a, uint32& i, uint32 a_to,
@@ -83,7 +107,12 @@ __attribute__((target("avx2"))) void merge_by_eight(const PostingList& a, uint32
                             _mm256_or_si256(_mm256_cmpeq_epi32(eight_a, b2), _mm256_cmpeq_epi32(eight_a, b3))),
             _mm256_or_si256(_mm256_or_si256(_mm256_cmpeq_epi32(eight_a, b4), _mm256_cmpeq_epi32(eight_a, b5)),
                             _mm256_or_si256(_mm256_cmpeq_epi32(eight_a, b6), _mm256_cmpeq_epi32(eight_a, b7))));
-        emit_lanes(a, i, static_cast<unsigned>(_mm256_movemask_ps(_mm256_castsi256_ps(equal))), 8, out, n);
+        // The hits of a's block packed to the front, all eight lanes
+        // stored, `n` moved past the hits.
+        unsigned mask = static_cast<unsigned>(_mm256_movemask_ps(_mm256_castsi256_ps(equal)));
+        __m256i order = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(PACK_ORDER.lanes[mask]));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + n), _mm256_permutevar8x32_epi32(eight_a, order));
+        n += static_cast<uint32>(__builtin_popcount(mask));
         uint32 last_a = a.at(i + 7);
         uint32 last_b = b.at(j + 7);
         i += last_a <= last_b ? 8 : 0;
@@ -193,6 +222,22 @@ __attribute__((target("avx2"))) uint32 keep_by_scanning_eight(const PostingList&
 
 uint32 keep_common(const PostingList& list, uint32& cursor, uint32* candidates, uint32 count, bool& exhausted) {
 #ifdef QUORVEX_MERGE_FOUR_AT_A_TIME
+    // Where the candidates lie only a few entries apart in the list, both
+    // are stepped through side by side, as the two shortest lists were (on
+    // this little-endian host the candidates read as a list themselves).
+    if (count > 0 && count <= MAX_CANDIDATES) {
+        uint32 end = cursor;
+        list.seek_past(end, candidates[count - 1]);
+        if ((end - cursor) / DENSE_RATIO <= count) {
+            PostingList own{reinterpret_cast<const uint8*>(candidates), count};
+            uint32 kept[MAX_CANDIDATES];
+            uint32 kept_count = intersect_by_merging(own, 0, count, list, cursor, end, kept, MAX_CANDIDATES);
+            std::memcpy(candidates, kept, kept_count * sizeof(uint32));
+            cursor = end;
+            exhausted = end >= list.count;
+            return kept_count;
+        }
+    }
     if (has_avx2()) {
         return keep_by_scanning_eight(list, cursor, candidates, count, exhausted);
     }
