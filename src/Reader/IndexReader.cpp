@@ -68,10 +68,14 @@ Rc<std::vector<Rc<SearchResult>>> IndexReader::search(const string& keyword, uin
         results->reserve(this->most_results(prepared, last, limit));
     }
     Scratch scratch;  // left uninitialized: each position fills what it uses
+    scratch.steps_left = ENTRY_BY_ENTRY_STEPS;
     uint32 total = 0;
     for (int32_t char_position = 0; char_position <= last; ++char_position) {
         uint16 remaining = static_cast<uint16>(limit - total);
         uint8 position = static_cast<uint8>(char_position);
+        if (char_position + 1 <= last) {
+            this->fetch_position(prepared, static_cast<uint32>(char_position) + 1);
+        }
         total += intersect ? this->search_intersecting(prepared, remaining, results.get(), position, scratch)
                            : this->search_one_character(prepared, remaining, results.get(), position);
         if (total >= limit) {
@@ -158,6 +162,20 @@ void IndexReader::initialize() {
     assert(!this->table_bytes.is_null());
     Rc<ByteArray> table = this->table_bytes;
     this->index_table = Rc<IndexTable>(new IndexTable(table));
+    this->row_records.resize(Format::TABLE_ROW_COUNT);
+    for (uint32 code_point = 0; code_point < Format::TABLE_ROW_COUNT; ++code_point) {
+        this->row_records[code_point] = this->index_table->rows[code_point]->underlying_data->data;
+    }
+    this->row_records_table = this->index_table.get();
+}
+
+// The record of row `code_point` (< TABLE_ROW_COUNT): a cells count, then
+// the cells.
+const uint8* IndexReader::row_record(uint32 code_point) const {
+    if (this->row_records_table == this->index_table.get()) {
+        return this->row_records[code_point];
+    }
+    return this->index_table->rows[code_point]->underlying_data->data;
 }
 
 IndexReader::Keyword IndexReader::prepare(const string& keyword) const {
@@ -186,7 +204,7 @@ int32_t IndexReader::last_position(const Keyword& keyword) const {
         if (code_point >= Format::TABLE_ROW_COUNT) {
             return -1;
         }
-        int32_t cells = this->index_table->rows[code_point]->get_cells_count();
+        int32_t cells = this->row_record(code_point)[0];
         last = std::min(last, cells - 1 - static_cast<int32_t>(j));
     }
     return last;
@@ -199,27 +217,43 @@ uint32 IndexReader::most_results(const Keyword& keyword, int32_t last, uint16 li
     if (last < 0) {
         return 0;  // perhaps no row at all
     }
-    const IndexRow* row = this->index_table->rows[keyword.row].get();
+    const uint8* row = this->row_record(keyword.row);
     uint64_t entries = 0;
     for (int32_t position = 0; position <= last; ++position) {
-        const uint8* cell = row->underlying_data->data + Format::ROW_HEADER_SIZE + position * Format::CELL_RECORD_SIZE;
+        const uint8* cell = row + Format::ROW_HEADER_SIZE + position * Format::CELL_RECORD_SIZE;
         entries += LittleEndian::load_u32(cell + 4);
     }
     return static_cast<uint32>(std::min<uint64_t>(entries, limit == 0 ? 1 : limit));
+}
+
+// Starts loading the beginning of every posting list that position
+// `char_position` (<= last_position) will read first, while the one before
+// it is searched: the lists are far apart in index.bin, and most of them are
+// short.
+void IndexReader::fetch_position(const Keyword& keyword, uint32 char_position) const {
+    size_t count = std::max<size_t>(keyword.characters.size(), 1);
+    const ByteArray& index = *this->index_bytes;
+    for (size_t j = 0; j < count; ++j) {
+        const uint8* cell = this->row_record(j == 0 ? keyword.row : keyword.characters[j]) +
+                            Format::ROW_HEADER_SIZE + (char_position + j) * Format::CELL_RECORD_SIZE;
+        uint32 offset = LittleEndian::load_u32(cell);
+        if (offset < index.length) {
+            __builtin_prefetch(index.data + offset);
+        }
+    }
 }
 
 bool IndexReader::find_list(uint32 code_point, uint32 char_position, PostingList& list) const {
     if (code_point >= Format::TABLE_ROW_COUNT || char_position > Format::MAX_CELLS_PER_ROW) {
         return false;
     }
-    // The row is reached without copying its handle: searches share no
+    // The row is reached without copying a handle: searches share no
     // counts, so several threads may search one reader.
-    const IndexRow* row = this->index_table->rows[code_point].get();
-    if (row->get_cells_count() <= char_position) {
+    const uint8* row = this->row_record(code_point);
+    if (row[0] <= char_position) {
         return false;
     }
-    const uint8* cell = row->underlying_data->data + Format::ROW_HEADER_SIZE +
-                        char_position * uint32{Format::CELL_RECORD_SIZE};
+    const uint8* cell = row + Format::ROW_HEADER_SIZE + char_position * uint32{Format::CELL_RECORD_SIZE};
     uint32 offset = LittleEndian::load_u32(cell);
     list.count = LittleEndian::load_u32(cell + 4);
     ByteArray entries = view_inside(*this->index_bytes, offset, uint64_t{list.count} * Format::POSTING_ENTRY_SIZE);
@@ -280,6 +314,14 @@ constexpr uint32 FETCH_AHEAD = 8;
 inline void fetch_early(const ByteArray& blob, uint32 offset) {
     if (offset < blob.length) {
         __builtin_prefetch(blob.data + offset);
+    }
+}
+
+// Starts loading entries [from, to) of `list`, one cache line at a time.
+inline void fetch_stretch(const PostingList& list, uint32 from, uint32 to) {
+    constexpr uint32 ENTRIES_PER_LINE = 64 / Format::POSTING_ENTRY_SIZE;
+    for (uint32 i = from; i < to; i += ENTRIES_PER_LINE) {
+        __builtin_prefetch(list.entries + 4 * size_t{i});
     }
 }
 
@@ -415,7 +457,6 @@ namespace {
 constexpr uint32 FIRST_CHUNK_SIZE = 32;
 constexpr uint32 CHUNK_SIZE = MAX_CANDIDATES;
 // How many entries of the driving list are taken one by one before that.
-constexpr uint32 ENTRY_BY_ENTRY_STEPS = 32;
 
 }  // namespace
 
@@ -439,6 +480,11 @@ uint16 IndexReader::search_intersecting(const Keyword& keyword, uint16 limit, st
             return 0;
         }
     }
+    // Every list is about to be read from its start: fetch them all at once
+    // rather than one after the other.
+    for (uint32 j = 0; j < count; ++j) {
+        __builtin_prefetch(lists[j].entries);
+    }
     uint32* order = scratch.order;
     for (uint32 j = 0; j < count; ++j) {
         order[j] = j;
@@ -460,7 +506,7 @@ uint16 IndexReader::search_intersecting(const Keyword& keyword, uint16 limit, st
     // First entry by entry: each entry of `a` is looked for in the others,
     // and when one of them has nothing until a later entry, `a` jumps there.
     // Quickest when the limit is met among the first keys.
-    for (uint32 step = 0; step < ENTRY_BY_ENTRY_STEPS && a_from < a.count; ++step) {
+    for (; scratch.steps_left > 0 && a_from < a.count; --scratch.steps_left) {
         uint32 entry = a.at(a_from);
         uint32 ahead = entry;  // the smallest entry another list can still offer
         for (uint32 n = 1; n < count && ahead == entry; ++n) {
@@ -503,6 +549,10 @@ uint16 IndexReader::search_intersecting(const Keyword& keyword, uint16 limit, st
         chunk_size = std::min(CHUNK_SIZE, 2 * chunk_size);
         uint32 b_to = b_from;
         b.seek_past(b_to, a.at(a_to - 1));
+        // Both stretches are read through next: ask for all their memory
+        // at once, so that the fetches overlap.
+        fetch_stretch(a, a_from, a_to);
+        fetch_stretch(b, b_from, b_to);
         uint32 found;
         if ((b_to - b_from) / GALLOP_RATIO > a_to - a_from) {
             uint32 cursor = b_from;

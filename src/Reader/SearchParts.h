@@ -10,6 +10,10 @@
 
 namespace Lexarium::Reader {
 
+// How many entries of driving lists a search takes one by one, over all its
+// positions, before it intersects them a stretch at a time.
+constexpr uint32 ENTRY_BY_ENTRY_STEPS = 128;
+
 // A key that holds the keyword, between checking its record and reading
 // its value.
 struct IndexReader::Match {
@@ -25,6 +29,7 @@ struct IndexReader::Scratch {
     PostingList lists[Format::MAX_CELLS_PER_ROW + 1];
     uint32 order[Format::MAX_CELLS_PER_ROW + 1];    // list indexes, shortest list first
     uint32 cursors[Format::MAX_CELLS_PER_ROW + 1];  // per place in `order`
+    uint32 steps_left;  // of the search's entry-by-entry steps, over all positions
 };
 
 }  // namespace Lexarium::Reader
