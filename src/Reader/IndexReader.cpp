@@ -73,9 +73,6 @@ Rc<std::vector<Rc<SearchResult>>> IndexReader::search(const string& keyword, uin
     for (int32_t char_position = 0; char_position <= last; ++char_position) {
         uint16 remaining = static_cast<uint16>(limit - total);
         uint8 position = static_cast<uint8>(char_position);
-        if (char_position + 1 <= last) {
-            this->fetch_position(prepared, static_cast<uint32>(char_position) + 1);
-        }
         total += intersect ? this->search_intersecting(prepared, remaining, results.get(), position, scratch)
                            : this->search_one_character(prepared, remaining, results.get(), position);
         if (total >= limit) {
@@ -162,19 +159,12 @@ void IndexReader::initialize() {
     assert(!this->table_bytes.is_null());
     Rc<ByteArray> table = this->table_bytes;
     this->index_table = Rc<IndexTable>(new IndexTable(table));
-    this->row_records.resize(Format::TABLE_ROW_COUNT);
-    for (uint32 code_point = 0; code_point < Format::TABLE_ROW_COUNT; ++code_point) {
-        this->row_records[code_point] = this->index_table->rows[code_point]->underlying_data->data;
-    }
-    this->row_records_table = this->index_table.get();
 }
 
 // The record of row `code_point` (< TABLE_ROW_COUNT): a cells count, then
-// the cells.
+// the cells. Reached without copying a handle: searches share no counts,
+// so several threads may search one reader.
 const uint8* IndexReader::row_record(uint32 code_point) const {
-    if (this->row_records_table == this->index_table.get()) {
-        return this->row_records[code_point];
-    }
     return this->index_table->rows[code_point]->underlying_data->data;
 }
 
@@ -226,29 +216,10 @@ uint32 IndexReader::most_results(const Keyword& keyword, int32_t last, uint16 li
     return static_cast<uint32>(std::min<uint64_t>(entries, limit == 0 ? 1 : limit));
 }
 
-// Starts loading the beginning of every posting list that position
-// `char_position` (<= last_position) will read first, while the one before
-// it is searched: the lists are far apart in index.bin, and most of them are
-// short.
-void IndexReader::fetch_position(const Keyword& keyword, uint32 char_position) const {
-    size_t count = std::max<size_t>(keyword.characters.size(), 1);
-    const ByteArray& index = *this->index_bytes;
-    for (size_t j = 0; j < count; ++j) {
-        const uint8* cell = this->row_record(j == 0 ? keyword.row : keyword.characters[j]) +
-                            Format::ROW_HEADER_SIZE + (char_position + j) * Format::CELL_RECORD_SIZE;
-        uint32 offset = LittleEndian::load_u32(cell);
-        if (offset < index.length) {
-            __builtin_prefetch(index.data + offset);
-        }
-    }
-}
-
 bool IndexReader::find_list(uint32 code_point, uint32 char_position, PostingList& list) const {
     if (code_point >= Format::TABLE_ROW_COUNT || char_position > Format::MAX_CELLS_PER_ROW) {
         return false;
     }
-    // The row is reached without copying a handle: searches share no
-    // counts, so several threads may search one reader.
     const uint8* row = this->row_record(code_point);
     if (row[0] <= char_position) {
         return false;
@@ -314,14 +285,6 @@ constexpr uint32 FETCH_AHEAD = 8;
 inline void fetch_early(const ByteArray& blob, uint32 offset) {
     if (offset < blob.length) {
         __builtin_prefetch(blob.data + offset);
-    }
-}
-
-// Starts loading entries [from, to) of `list`, one cache line at a time.
-inline void fetch_stretch(const PostingList& list, uint32 from, uint32 to) {
-    constexpr uint32 ENTRIES_PER_LINE = 64 / Format::POSTING_ENTRY_SIZE;
-    for (uint32 i = from; i < to; i += ENTRIES_PER_LINE) {
-        __builtin_prefetch(list.entries + 4 * size_t{i});
     }
 }
 
@@ -480,11 +443,6 @@ uint16 IndexReader::search_intersecting(const Keyword& keyword, uint16 limit, st
             return 0;
         }
     }
-    // Every list is about to be read from its start: fetch them all at once
-    // rather than one after the other.
-    for (uint32 j = 0; j < count; ++j) {
-        __builtin_prefetch(lists[j].entries);
-    }
     uint32* order = scratch.order;
     for (uint32 j = 0; j < count; ++j) {
         order[j] = j;
@@ -549,10 +507,6 @@ uint16 IndexReader::search_intersecting(const Keyword& keyword, uint16 limit, st
         chunk_size = std::min(CHUNK_SIZE, 2 * chunk_size);
         uint32 b_to = b_from;
         b.seek_past(b_to, a.at(a_to - 1));
-        // Both stretches are read through next: ask for all their memory
-        // at once, so that the fetches overlap.
-        fetch_stretch(a, a_from, a_to);
-        fetch_stretch(b, b_from, b_to);
         uint32 found;
         if ((b_to - b_from) / GALLOP_RATIO > a_to - a_from) {
             uint32 cursor = b_from;

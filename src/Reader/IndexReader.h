@@ -99,12 +99,6 @@ public:
 private:
     IndexReader();
 
-    // Where each row record starts, for the search to reach a cell in one
-    // step; made by initialize() from `index_table`, and used only while
-    // `index_table` is still the table it was made from.
-    std::vector<const uint8*> row_records;
-    const IndexTable* row_records_table = nullptr;
-
     struct Keyword;
     struct Match;
     struct Scratch;
@@ -114,7 +108,6 @@ private:
     const uint8* row_record(uint32 code_point) const;
     int32_t last_position(const Keyword& keyword) const;
     uint32 most_results(const Keyword& keyword, int32_t last, uint16 limit) const;
-    void fetch_position(const Keyword& keyword, uint32 char_position) const;
     bool find_list(uint32 code_point, uint32 char_position, PostingList& list) const;
     uint16 search_at(const Keyword& keyword, uint16 limit, std::vector<Rc<SearchResult>>* results,
                      uint32& visited_count, uint8 char_position) const;
