@@ -159,12 +159,20 @@ void IndexReader::initialize() {
     assert(!this->table_bytes.is_null());
     Rc<ByteArray> table = this->table_bytes;
     this->index_table = Rc<IndexTable>(new IndexTable(table));
+    this->row_records.resize(Format::TABLE_ROW_COUNT);
+    for (uint32 code_point = 0; code_point < Format::TABLE_ROW_COUNT; ++code_point) {
+        this->row_records[code_point] = this->index_table->rows[code_point]->underlying_data->data;
+    }
+    this->row_records_table = this->index_table.get();
 }
 
 // The record of row `code_point` (< TABLE_ROW_COUNT): a cells count, then
 // the cells. Reached without copying a handle: searches share no counts,
 // so several threads may search one reader.
 const uint8* IndexReader::row_record(uint32 code_point) const {
+    if (this->row_records_table == this->index_table.get()) {
+        return this->row_records[code_point];
+    }
     return this->index_table->rows[code_point]->underlying_data->data;
 }
 

@@ -99,6 +99,12 @@ public:
 private:
     IndexReader();
 
+    // Where each row record starts, so that a search reaches a cell in one
+    // step rather than through three handles; made by initialize() from
+    // `index_table` and used only while `index_table` is still that table.
+    std::vector<const uint8*> row_records;
+    const IndexTable* row_records_table = nullptr;
+
     struct Keyword;
     struct Match;
     struct Scratch;
