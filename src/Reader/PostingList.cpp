@@ -1,6 +1,8 @@
 #include "Assertions.h"
 #include "Reader/PostingList.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cstring>
 
 // Entries are little-endian: where the host is too and has SSE2 (every
@@ -14,9 +16,10 @@ namespace Lexarium::Reader {
 
 namespace {
 
-// Appends `value` unless `out` is full or already ends with it (a damaged
-// list may repeat entries; a sound one repeats a key only for keys long
-// enough that their positions wrap, and the caller restores those).
+// Appends `value` unless `out` is full or already ends with it. A list can
+// repeat an entry only in an index the writer did not make (its positions
+// would have to wrap past 255 characters); the search restores the first
+// list's repeats itself.
 inline void emit(uint32* out, uint32& n, uint32 capacity, uint32 value) {
     if (n < capacity && (n == 0 || out[n - 1] != value)) {
         out[n++] = value;
@@ -120,13 +123,23 @@ __attribute__((target("avx2"))) void merge_by_eight(const PostingList& a, uint32
     }
 }
 
-bool has_avx2() {
-    static const bool avx2 = __builtin_cpu_supports("avx2");
-    return avx2;
-}
 #endif
 
+std::atomic<int> width_limit{static_cast<int>(VectorWidth::Eight)};
+
 }  // namespace
+
+VectorWidth vector_width() {
+#ifdef QUORVEX_MERGE_FOUR_AT_A_TIME
+    static const int detected =
+        static_cast<int>(__builtin_cpu_supports("avx2") ? VectorWidth::Eight : VectorWidth::Four);
+#else
+    static const int detected = static_cast<int>(VectorWidth::One);
+#endif
+    return static_cast<VectorWidth>(std::min(detected, width_limit.load(std::memory_order_relaxed)));
+}
+
+void limit_vector_width(VectorWidth width) { width_limit.store(static_cast<int>(width), std::memory_order_relaxed); }
 
 uint32 intersect_by_merging(const PostingList& a, uint32 a_from, uint32 a_to, const PostingList& b, uint32 b_from,
                             uint32 b_to, uint32* out, uint32 capacity) {
@@ -134,10 +147,13 @@ uint32 intersect_by_merging(const PostingList& a, uint32 a_from, uint32 a_to, co
     uint32 i = a_from;
     uint32 j = b_from;
 #ifdef QUORVEX_MERGE_FOUR_AT_A_TIME
-    if (has_avx2()) {
+    VectorWidth width = vector_width();
+    if (width == VectorWidth::Eight) {
         merge_by_eight(a, i, a_to, b, j, b_to, out, n, capacity);
     }
-    merge_by_four(a, i, a_to, b, j, b_to, out, n, capacity);
+    if (width != VectorWidth::One) {
+        merge_by_four(a, i, a_to, b, j, b_to, out, n, capacity);
+    }
 #endif
     while (i < a_to && j < b_to) {
         uint32 x = a.at(i);
@@ -225,7 +241,7 @@ uint32 keep_common(const PostingList& list, uint32& cursor, uint32* candidates, 
     // Where the candidates lie only a few entries apart in the list, both
     // are stepped through side by side, as the two shortest lists were (on
     // this little-endian host the candidates read as a list themselves).
-    if (count > 0 && count <= MAX_CANDIDATES) {
+    if (count > 0 && count <= MAX_CANDIDATES && vector_width() != VectorWidth::One) {
         uint32 end = cursor;
         list.seek_past(end, candidates[count - 1]);
         if ((end - cursor) / DENSE_RATIO <= count) {
@@ -234,11 +250,13 @@ uint32 keep_common(const PostingList& list, uint32& cursor, uint32* candidates, 
             uint32 kept_count = intersect_by_merging(own, 0, count, list, cursor, end, kept, MAX_CANDIDATES);
             std::memcpy(candidates, kept, kept_count * sizeof(uint32));
             cursor = end;
-            exhausted = end >= list.count;
+            if (end >= list.count) {
+                exhausted = true;
+            }
             return kept_count;
         }
     }
-    if (has_avx2()) {
+    if (vector_width() == VectorWidth::Eight) {
         return keep_by_scanning_eight(list, cursor, candidates, count, exhausted);
     }
 #endif

@@ -66,17 +66,27 @@ struct PostingList {
     }
 };
 
+// The widest blocks the merges compare: eight entries where the processor
+// has AVX2, four with SSE2 (every x86-64), one at a time elsewhere. Taken
+// from the processor once; limit_vector_width() lowers it, so that tests
+// reach the narrower ways on a processor that has the wider ones. Lower it
+// only while nothing searches.
+enum class VectorWidth { One = 1, Four = 4, Eight = 8 };
+VectorWidth vector_width();
+void limit_vector_width(VectorWidth width);
+
 // A list this many times longer than the stretch of candidates it is
 // intersected with is searched by galloping rather than stepped through.
 constexpr uint32 GALLOP_RATIO = 16;
 
 // Both write to `out` (room for `capacity`) the entries of a[a_from, a_to)
-// that b also holds, ascending and each once, and return how many. Entries
-// of b below a[a_from] must not matter to the caller.
+// that b also holds, ascending, and return how many: each once where the
+// lists ascend strictly, as they do in an index the writer made. Entries of
+// b below a[a_from] must not matter to the caller.
 
-// Steps through a[a_from, a_to) and b[b_from, b_to) side by side, four
-// entries of each at a time where the processor allows: the way for lists of
-// similar density.
+// Steps through a[a_from, a_to) and b[b_from, b_to) side by side, blocks
+// of vector_width() entries of each at a time: the way for lists of similar
+// density.
 uint32 intersect_by_merging(const PostingList& a, uint32 a_from, uint32 a_to, const PostingList& b, uint32 b_from,
                             uint32 b_to, uint32* out, uint32 capacity);
 
