@@ -17,7 +17,6 @@
 #include <fstream>
 #include <iterator>
 #include <map>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -361,7 +360,16 @@ std::vector<std::pair<uint64_t, std::string>> item_problems(const std::string& e
 // Some line of `text` has the word `label` followed, after blanks, by the
 // word `number` ("  items     10", "quorvex: skipped 9 invalid ...").
 bool has_figure(const std::string& text, const std::string& label, uint64_t number) {
-    return std::regex_search(text, std::regex("(^|\\s)" + label + "[ \\t]+" + std::to_string(number) + "(\\s|$)"));
+    for (const std::string& line : lines_of(text)) {
+        std::istringstream words(line);
+        std::string previous;
+        for (std::string word; words >> word; previous = word) {
+            if (previous == label && word == std::to_string(number)) {
+                return true;
+            }
+        }
+    }
+    return false;
 }
 
 ToolRun build(std::vector<std::string> args) {
