@@ -10,7 +10,10 @@
 
 // Shared state of one Rc: the count of handles and the object they share.
 // The state owns the object and deletes it through T's own destructor, so a
-// polymorphic T is destroyed through its virtual destructor.
+// polymorphic T is destroyed through its virtual destructor. make_rc()
+// builds a state and its object together in one block, the object right
+// after the state ("inline"); an object handed to Rc's constructor never
+// sits there, so where the object lives tells which kind a state is.
 template <typename T>
 struct _RcState {
     uint64_t ref_count;
@@ -21,16 +24,31 @@ struct _RcState {
     _RcState(const _RcState&) = delete;
     _RcState& operator=(const _RcState&) = delete;
 
+    // Where an inline object starts, and the size of the block holding both.
+    static constexpr std::size_t INLINE_OFFSET = (sizeof(_RcState) + alignof(T) - 1) / alignof(T) * alignof(T);
+    static constexpr std::size_t INLINE_SIZE = INLINE_OFFSET + sizeof(T);
+    const void* inline_place() const noexcept { return reinterpret_cast<const char*>(this) + INLINE_OFFSET; }
+
     // Destroys the state and its object. Kept out of line on purpose: when a
     // caller's handles are all inlined, g++ cannot see that the count keeps
     // the other copies from reaching a freed state, and its use-after-free
     // warning would fire in every program that copies a handle.
-    __attribute__((noinline)) static void destroy(_RcState* state) noexcept { delete state; }
+    __attribute__((noinline)) static void destroy(_RcState* state) noexcept {
+        if (static_cast<const void*>(state->object) == state->inline_place()) {
+            // The state itself holds nothing else to destroy.
+            state->object->~T();
+            quorvex_small_block_release(state, INLINE_SIZE);
+        } else {
+            delete state;
+        }
+    }
 
     // States are two words: they come from the small-block pool.
     static void* operator new(std::size_t size) { return quorvex_small_block_allocate(size); }
     static void operator delete(void* block, std::size_t size) noexcept { quorvex_small_block_release(block, size); }
 };
+
+
 
 // Rc<T>: the library's reference-counted handle. One pointer wide; copies
 // share one _RcState. The count is a plain integer: a handle and all of its
@@ -47,6 +65,14 @@ public:
     explicit Rc(T* object) : state(nullptr) {
         try {
             this->state = new _RcState<T>(object);
+            if (static_cast<const void*>(object) == this->state->inline_place()) {
+                // The object happens to follow this state: take another
+                // state, so that the object is not taken for an inline one.
+                _RcState<T>* other = new _RcState<T>(object);
+                this->state->object = nullptr;
+                delete this->state;
+                this->state = other;
+            }
         } catch (...) {
             delete object;
             throw;
@@ -111,13 +137,32 @@ public:
     uint64_t get_ref_count() const noexcept { return this->state == nullptr ? 0 : this->state->ref_count; }
 
 private:
+    template <typename U, typename... Args>
+    friend Rc<U> make_rc(Args&&... args);
+
+    explicit Rc(_RcState<T>* state_) noexcept : state(state_) {}
+
     _RcState<T>* state;
 };
 
-// Builds a T from `args` and hands it out in a fresh handle (count 1).
+// Builds a T from `args` and hands it out in a fresh handle (count 1). The
+// object and the handle's shared state share one block (for objects of up
+// to 16 bytes, one from the small-block pool): one allocation, not two.
 template <typename T, typename... Args>
 Rc<T> make_rc(Args&&... args) {
-    return Rc<T>(new T(std::forward<Args>(args)...));
+    if constexpr (alignof(T) > alignof(std::max_align_t)) {
+        return Rc<T>(new T(std::forward<Args>(args)...));
+    } else {
+        void* block = quorvex_small_block_allocate(_RcState<T>::INLINE_SIZE);
+        T* object;
+        try {
+            object = ::new (static_cast<char*>(block) + _RcState<T>::INLINE_OFFSET) T(std::forward<Args>(args)...);
+        } catch (...) {
+            quorvex_small_block_release(block, _RcState<T>::INLINE_SIZE);
+            throw;
+        }
+        return Rc<T>(::new (block) _RcState<T>(object));
+    }
 }
 
 #endif

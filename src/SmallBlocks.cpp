@@ -16,7 +16,12 @@
 #ifndef QUORVEX_PLAIN_ALLOCATION
 namespace {
 
-constexpr std::size_t BLOCK_SIZE = 16;
+// Two sizes of block: 16 bytes (a byte array record, a search result, the
+// shared state of an Rc) and 32 (an Rc state together with its object, as
+// make_rc() builds them). Each size has its own free list; both are carved
+// from the same chunks.
+constexpr std::size_t SMALL_BLOCK = 16;
+constexpr std::size_t LARGE_BLOCK = 32;
 constexpr std::size_t CHUNK_SIZE = 64 * 1024;
 
 struct FreeBlock {
@@ -24,9 +29,9 @@ struct FreeBlock {
 };
 
 struct ThreadBlocks {
-    FreeBlock* free = nullptr;
+    FreeBlock* free[2] = {nullptr, nullptr};  // 16-byte and 32-byte blocks
     char* next_fresh = nullptr;
-    std::size_t fresh_left = 0;
+    std::size_t fresh_bytes = 0;
 };
 
 // Initial-exec: the library is linked, not loaded late with dlopen(), so
@@ -56,22 +61,29 @@ void* quorvex_small_block_allocate(std::size_t size) {
 #ifdef QUORVEX_PLAIN_ALLOCATION
     return ::operator new(size);
 #else
-    if (size > BLOCK_SIZE) {
+    if (size > LARGE_BLOCK) {
         return ::operator new(size);
     }
     ThreadBlocks& mine = blocks;
-    if (mine.free != nullptr) {
-        FreeBlock* block = mine.free;
-        mine.free = block->next;
+    std::size_t kind = size > SMALL_BLOCK ? 1 : 0;
+    if (mine.free[kind] != nullptr) {
+        FreeBlock* block = mine.free[kind];
+        mine.free[kind] = block->next;
         return block;
     }
-    if (mine.fresh_left == 0) {
+    std::size_t bytes = kind == 1 ? LARGE_BLOCK : SMALL_BLOCK;
+    if (mine.fresh_bytes < bytes) {
+        // What is left of the old chunk (at most 16 bytes) goes to the
+        // small blocks.
+        if (mine.fresh_bytes == SMALL_BLOCK) {
+            quorvex_small_block_release(mine.next_fresh, SMALL_BLOCK);
+        }
         mine.next_fresh = new_chunk();
-        mine.fresh_left = CHUNK_SIZE / BLOCK_SIZE;
+        mine.fresh_bytes = CHUNK_SIZE;
     }
     void* block = mine.next_fresh;
-    mine.next_fresh += BLOCK_SIZE;
-    --mine.fresh_left;
+    mine.next_fresh += bytes;
+    mine.fresh_bytes -= bytes;
     return block;
 #endif
 }
@@ -84,12 +96,13 @@ void quorvex_small_block_release(void* block, std::size_t size) noexcept {
     if (block == nullptr) {
         return;
     }
-    if (size > BLOCK_SIZE) {
+    if (size > LARGE_BLOCK) {
         ::operator delete(block);
         return;
     }
+    std::size_t kind = size > SMALL_BLOCK ? 1 : 0;
     FreeBlock* freed = static_cast<FreeBlock*>(block);
-    freed->next = blocks.free;
-    blocks.free = freed;
+    freed->next = blocks.free[kind];
+    blocks.free[kind] = freed;
 #endif
 }

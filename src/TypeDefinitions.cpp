@@ -33,7 +33,7 @@ static ByteArray make_view(const ByteArray& source, uint32 offset, uint32 count)
 // writer produced, and the behaviour is kept as it has always been.
 Rc<ByteArray> ByteArray::borrow(uint32 offset, uint32 count) const {
     assert(offset + count <= this->length);
-    return Rc<ByteArray>(new ByteArray(make_view(*this, offset, count)));
+    return make_rc<ByteArray>(make_view(*this, offset, count));
 }
 
 // create_readonly_view() is the search path's variant of borrow(): the view

@@ -122,6 +122,29 @@ TEST(Rc, LastHandleOfABorrowedArrayFreesTheRecordButNotTheBytes) {
     EXPECT_EQ(bytes[3], 4);
 }
 
+// make_rc() puts the object in the state's own block; copies, the count and
+// the one destruction behave as for a handle made from a new object.
+TEST(Rc, MadeHandlesShareTheStatesBlockAndDestroyOnce) {
+    int destroyed = 0;
+    {
+        Rc<Tracked> made = make_rc<Tracked>(&destroyed);
+        Rc<Tracked> copy = made;
+        EXPECT_EQ(made.get_ref_count(), 2u);
+        EXPECT_EQ(copy.get(), made.get());
+        Rc<Tracked> other(new Tracked(&destroyed));
+        copy = other;  // the made object loses one handle, not its life
+        EXPECT_EQ(destroyed, 0);
+        EXPECT_EQ(made.get_ref_count(), 1u);
+    }
+    EXPECT_EQ(destroyed, 2);
+
+    Rc<ByteArray> array = make_rc<ByteArray>(3u);
+    array->data[2] = 9;
+    EXPECT_EQ(array->length, 3u);
+    Rc<ByteArray> view = array->borrow(1, 2);  // made by make_rc() too
+    EXPECT_EQ(view->data[1], 9);
+}
+
 TEST(Rc, HandleIsOnePointerWide) {
     EXPECT_EQ(sizeof(Rc<ByteArray>), sizeof(void*));
     EXPECT_EQ(sizeof(_RcState<ByteArray>), 2 * sizeof(void*));

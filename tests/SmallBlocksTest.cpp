@@ -33,6 +33,30 @@ TEST(SmallBlocks, BlocksAreDistinctWritableAndReused) {
     quorvex_small_block_release(nullptr, 16);
 }
 
+// 16- and 32-byte blocks taken turn about never overlap, and each size
+// comes back to its own kind.
+TEST(SmallBlocks, TwoSizesShareChunksWithoutOverlapping) {
+    std::vector<std::pair<unsigned char*, size_t>> blocks;
+    for (int i = 0; i < 9000; ++i) {
+        size_t size = i % 3 == 0 ? 32 : 16;
+        auto* block = static_cast<unsigned char*>(quorvex_small_block_allocate(size));
+        std::memset(block, i & 0xFF, size);
+        blocks.emplace_back(block, size);
+    }
+    for (size_t i = 0; i < blocks.size(); ++i) {
+        EXPECT_EQ(blocks[i].first[0], i & 0xFF);
+        EXPECT_EQ(blocks[i].first[blocks[i].second - 1], i & 0xFF);
+    }
+    for (auto& block : blocks) {
+        quorvex_small_block_release(block.first, block.second);
+    }
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    void* large = quorvex_small_block_allocate(32);
+    EXPECT_EQ(large, blocks[8997].first);  // the last 32-byte block released
+    quorvex_small_block_release(large, 32);
+#endif
+}
+
 TEST(SmallBlocks, LargerRequestsAndOtherThreadsAreServed) {
     void* large = quorvex_small_block_allocate(100);
     std::memset(large, 1, 100);

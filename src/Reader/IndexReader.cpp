@@ -582,7 +582,7 @@ void IndexReader::append_result(const Match& match, std::vector<Rc<SearchResult>
     Rc<ByteArray> value =
         this->data_bytes->borrow(match.data_pointer + Format::VALUE_RECORD_HEADER_SIZE, value_length);
     Rc<ByteArray> key = this->key_bytes->borrow(match.entry + Format::KEY_RECORD_HEADER_SIZE, match.key_length);
-    results->push_back(Rc<SearchResult>(new SearchResult(key, value)));
+    results->push_back(make_rc<SearchResult>(std::move(key), std::move(value)));
 }
 
 }  // namespace Lexarium::Reader
