@@ -52,14 +52,7 @@ size_t searched_inputs = 0;
 // three-byte forms with their edges, and 'a', 'b' and 'n' more often.
 const uint32_t ALPHABET[] = {'a', 'b', 'n', 'a', 'b', 0x01, 0x7F, 0x80, 0xE9, 0xFC, 0x7FF, 0x800, 0x436, 0x4E2D, 0x6587, 0xFFFE};
 
-uint32_t pick_character(ByteSource& in) {
-    uint8_t choice = in.u8();
-    if (choice < 0xF0) {
-        return ALPHABET[choice % (sizeof ALPHABET / sizeof ALPHABET[0])];
-    }
-    uint32_t code_point = in.u16();
-    return code_point == 0 ? 1 : code_point == 0xFFFF ? 0xFFFE : code_point;
-}
+uint32_t pick_character(ByteSource& in) { return quorvex_fuzz::pick_character(in, ALPHABET); }
 
 struct Item {
     std::vector<uint32_t> characters;

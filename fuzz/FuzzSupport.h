@@ -70,6 +70,18 @@ private:
 
 inline void append_utf8(std::string& out, uint32_t code_point) { Lexarium::Utf8::append(out, code_point); }
 
+// A character of U+0001..U+FFFE: mostly one of `alphabet` (few characters,
+// so that substrings repeat across keys), now and then any at all.
+template <size_t N>
+uint32_t pick_character(ByteSource& in, const uint32_t (&alphabet)[N]) {
+    uint8_t choice = in.u8();
+    if (choice < 0xF0) {
+        return alphabet[choice % N];
+    }
+    uint32_t code_point = in.u16();
+    return code_point == 0 ? 1 : code_point == 0xFFFF ? 0xFFFE : code_point;
+}
+
 inline bool is_continuation(uint8_t byte) { return (byte & 0xC0) == 0x80; }
 
 // Reads one UTF-8 character at text[i]: shortest form, at most U+10FFFF,

@@ -91,15 +91,7 @@ FileSet raw_file_set(ByteSource& in) {
 // the reader both take as characters).
 const uint32_t ALPHABET[] = {'a', 'b', 'n', 'a', 0x01, 0x7F, 0x80, 0xE9, 0x7FF, 0x800, 0x436, 0x4E2D, 0xD800, 0xDFFF, 0xFFFD, 0xFFFE};
 
-// A character of U+0001..U+FFFE: mostly from the alphabet.
-uint32_t pick_character(ByteSource& in) {
-    uint8_t choice = in.u8();
-    if (choice < 0xF0) {
-        return ALPHABET[choice % (sizeof ALPHABET / sizeof ALPHABET[0])];
-    }
-    uint32_t code_point = in.u16();
-    return code_point == 0 ? 1 : code_point == 0xFFFF ? 0xFFFE : code_point;
-}
+uint32_t pick_character(ByteSource& in) { return quorvex_fuzz::pick_character(in, ALPHABET); }
 
 // Byte sequences a key decoder must refuse or take apart: overlong forms
 // (one of them NUL), U+FFFF, a supplementary character, a surrogate (which

@@ -1,18 +1,24 @@
 // The search compared, element for element, with a brute-force reference
-// written here from the rules alone: walk every key and every character
-// position, with no index at all.
+// written from the rules alone (the fuzz targets' reference_search: every
+// key at every character position, with no index at all) and with the
+// literal position-by-position walk.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <map>
 #include <random>
 
+#include "FuzzSupport.h"
 #include "Reader/IndexReader.h"
 #include "WriterTestSupport.h"
 
 using Lexarium::Reader::IndexReader;
 using Lexarium::Writer::IndexWriter;
 using namespace quorvex_test;
+
+namespace quorvex_fuzz {
+void PrintTo(const Hit& hit, std::ostream* out) { *out << testing::PrintToString(hit.key); }
+}  // namespace quorvex_fuzz
 
 namespace {
 
@@ -44,42 +50,17 @@ Key make_key(const std::vector<uint32>& code_points, const std::string& value) {
     return key;
 }
 
-struct Hit {
-    std::string key;
-    std::string value;
-    bool operator==(const Hit& other) const { return key == other.key && value == other.value; }
-};
+using quorvex_fuzz::Hit;
 
-void PrintTo(const Hit& hit, std::ostream* out) { *out << testing::PrintToString(hit.key); }
-
-// `keyword` is valid UTF-8 here; its first character chooses the candidates.
+// The fuzz targets' brute-force search, over the keys in key order.
 std::vector<Hit> reference_search(const std::map<std::string, Key>& keys, const std::string& keyword,
                                   uint32 first_code_point, uint16 limit) {
-    std::vector<Hit> hits;
-    uint32 total = 0;
-    for (uint32 position = 0; position <= 254; ++position) {
-        uint16 wanted = static_cast<uint16>(limit - total);
-        uint16 found = 0;
-        for (const auto& entry : keys) {
-            const Key& key = entry.second;
-            if (position >= key.code_points.size() || key.code_points[position] != first_code_point) {
-                continue;
-            }
-            size_t start = position < key.starts.size() ? key.starts[position] : key.stored.size();
-            if (start + keyword.size() > key.stored.size() || key.stored.compare(start, keyword.size(), keyword) != 0) {
-                continue;
-            }
-            hits.push_back(Hit{key.stored, key.value});
-            if (++found >= wanted) {
-                break;
-            }
-        }
-        total += found;
-        if (total >= limit) {
-            break;
-        }
+    std::vector<quorvex_fuzz::ReferenceKey> reference;
+    for (const auto& entry : keys) {
+        const Key& key = entry.second;
+        reference.push_back({key.stored, key.code_points, key.starts, key.value});
     }
-    return hits;
+    return quorvex_fuzz::reference_search(reference, keyword, first_code_point, limit);
 }
 
 std::vector<Hit> library_search(IndexReader& reader, const std::string& keyword, uint16 limit) {
