@@ -304,12 +304,10 @@ inline void fetch_early(const ByteArray& blob, uint32 offset) {
 // result is looked at.
 class IndexReader::Collector {
 public:
-    // `repeats`, when given, is the first character's list of the position:
-    // a matching key is then listed as many times as it holds the key.
     Collector(const IndexReader& reader, const Keyword& keyword, uint8 char_position, uint16 limit,
-              std::vector<Rc<SearchResult>>* results, const PostingList* repeats)
+              std::vector<Rc<SearchResult>>* results)
         : reader(reader), keyword(keyword), char_position(char_position), results(results),
-          wanted(limit == 0 ? 1 : limit), repeats(repeats) {}
+          wanted(limit == 0 ? 1 : limit) {}
 
     // Queues `entry`; false once the limit is reached, after which nothing
     // more may be added.
@@ -330,19 +328,13 @@ public:
             if (i + FETCH_AHEAD < count) {
                 fetch_early(keys, this->pending[i + FETCH_AHEAD]);
             }
-            Match match;
-            if (!this->reader.match_key(this->keyword, this->pending[i], this->char_position, match)) {
+            if (!this->reader.match_key(this->keyword, this->pending[i], this->char_position,
+                                        this->matches[this->matched])) {
                 continue;
             }
-            for (uint32 times = this->times_listed(match); times > 0; --times) {
-                this->matches[this->matched++] = match;
-                if (this->found + this->matched >= this->wanted) {
-                    this->append_matches();
-                    return false;
-                }
-                if (this->matched == BATCH_SIZE) {
-                    this->append_matches();
-                }
+            if (this->found + ++this->matched >= this->wanted) {
+                this->append_matches();
+                return false;
             }
         }
         this->append_matches();
@@ -355,23 +347,6 @@ private:
     // A batch never asks for more than the limit still allows, so a small
     // limit checks no more candidates than it needs.
     uint32 room() const { return std::min(BATCH_SIZE, this->wanted - this->found); }
-
-    // How often the walk would meet the matched key in the first
-    // character's list. A cell holds a key twice only when its positions
-    // wrap past 255, and a key that long is stored cut to at least 252
-    // bytes; shorter ones are listed once.
-    uint32 times_listed(const Match& match) {
-        if (this->repeats == nullptr || match.key_length < Format::MAX_STORED_KEY_BYTES - 2) {
-            return 1;
-        }
-        uint32 times = 0;
-        if (this->repeats->seek(this->repeats_cursor, match.entry)) {
-            for (uint32 i = this->repeats_cursor; i < this->repeats->count && this->repeats->at(i) == match.entry; ++i) {
-                ++times;
-            }
-        }
-        return times;
-    }
 
     void append_matches() {
         const ByteArray& values = *this->reader.data_bytes;
@@ -394,8 +369,6 @@ private:
     std::vector<Rc<SearchResult>>* results;
     uint32 wanted;  // the position's limit, 0 counting as 1
     uint32 found = 0;
-    const PostingList* repeats;
-    uint32 repeats_cursor = 0;
     uint32 pending[BATCH_SIZE];
     uint32 pending_count = 0;
     Match matches[BATCH_SIZE];
@@ -410,7 +383,7 @@ uint16 IndexReader::search_one_character(const Keyword& keyword, uint16 limit,
     if (!this->find_list(keyword.row, char_position, list)) {
         return 0;
     }
-    Collector collector(*this, keyword, char_position, limit, results, nullptr);
+    Collector collector(*this, keyword, char_position, limit, results);
     for (uint32 i = 0; i < list.count; ++i) {
         if (!collector.add(list.at(i))) {
             return collector.found_count();
@@ -461,13 +434,7 @@ uint16 IndexReader::search_intersecting(const Keyword& keyword, uint16 limit, st
     const PostingList& a = lists[order[0]];
     uint32* cursors = scratch.cursors;
     uint32& a_from = cursors[0];
-    Collector collector(*this, keyword, char_position, limit, results, &lists[0]);
-    int64_t last_candidate = -1;
-    auto add = [&](uint32 candidate) {
-        bool more = candidate == last_candidate || collector.add(candidate);
-        last_candidate = candidate;
-        return more;
-    };
+    Collector collector(*this, keyword, char_position, limit, results);
 
     // First entry by entry, while the search's budget of such steps (shared
     // by all its positions) lasts: each entry of `a` is looked for in the
@@ -487,7 +454,7 @@ uint16 IndexReader::search_intersecting(const Keyword& keyword, uint16 limit, st
             a.seek(a_from, ahead);
             continue;
         }
-        if (!add(entry)) {
+        if (!collector.add(entry)) {
             return collector.found_count();
         }
         ++a_from;
@@ -529,7 +496,7 @@ uint16 IndexReader::search_intersecting(const Keyword& keyword, uint16 limit, st
             found = keep_common(lists[order[n]], cursors[n], candidates, found, exhausted);
         }
         for (uint32 k = 0; k < found; ++k) {
-            if (!add(candidates[k])) {
+            if (!collector.add(candidates[k])) {
                 return collector.found_count();
             }
         }

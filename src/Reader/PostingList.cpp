@@ -16,10 +16,8 @@ namespace Lexarium::Reader {
 
 namespace {
 
-// Appends `value` unless `out` is full or already ends with it. A list can
-// repeat an entry only in an index the writer did not make (its positions
-// would have to wrap past 255 characters); the search restores the first
-// list's repeats itself.
+// Appends `value` unless `out` is full or already ends with it (only a
+// damaged list, which the verifier refuses, repeats an entry).
 inline void emit(uint32* out, uint32& n, uint32 capacity, uint32 value) {
     if (n < capacity && (n == 0 || out[n - 1] != value)) {
         out[n++] = value;
