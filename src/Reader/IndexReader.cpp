@@ -400,7 +400,13 @@ namespace {
 // to this many entries.
 constexpr uint32 FIRST_CHUNK_SIZE = 32;
 constexpr uint32 CHUNK_SIZE = MAX_CANDIDATES;
-// How many entries of the driving list are taken one by one before that.
+
+// The lists after the two shortest only narrow the candidates down: each
+// candidate is checked byte for byte anyway, which costs about as much as
+// stepping through a dozen or two list entries. So a list is consulted only
+// where it is expected to hold at most this many entries per candidate
+// between the first candidate and the last.
+constexpr uint64_t FILTER_RATIO = 8;
 
 }  // namespace
 
@@ -493,7 +499,19 @@ uint16 IndexReader::search_intersecting(const Keyword& keyword, uint16 limit, st
         a_from = a_to;
         b_from = b_to;
         for (uint32 n = 2; n < count && found > 0; ++n) {
-            found = keep_common(lists[order[n]], cursors[n], candidates, found, exhausted);
+            // Entries are key offsets, spread over key.bin: the list's
+            // share of the candidates' span estimates its entries there.
+            const PostingList& list = lists[order[n]];
+            uint64_t span = uint64_t{candidates[found - 1]} - candidates[0] + 1;
+            if (uint64_t{list.count} * span > FILTER_RATIO * found * this->key_bytes->length) {
+                continue;
+            }
+            if (!list.seek(cursors[n], candidates[0])) {
+                found = 0;  // nothing from here on is in this list
+                exhausted = true;
+                break;
+            }
+            found = keep_common(list, cursors[n], candidates, found, exhausted);
         }
         for (uint32 k = 0; k < found; ++k) {
             if (!collector.add(candidates[k])) {
