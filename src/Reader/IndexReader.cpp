@@ -445,8 +445,10 @@ uint16 IndexReader::search_intersecting(const Keyword& keyword, uint16 limit, st
     // First entry by entry, while the search's budget of such steps (shared
     // by all its positions) lasts: each entry of `a` is looked for in the
     // others, and when one of them has nothing until a later entry, `a`
-    // jumps there. Quickest when the limit is met among the first keys.
-    for (; scratch.steps_left > 0 && a_from < a.count; --scratch.steps_left) {
+    // jumps there. Quickest when the limit is met among the first keys of
+    // long lists.
+    bool long_lists = a.count >= ENTRY_BY_ENTRY_MIN_LENGTH;
+    for (; long_lists && scratch.steps_left > 0 && a_from < a.count; --scratch.steps_left) {
         uint32 entry = a.at(a_from);
         uint32 ahead = entry;  // the smallest entry another list can still offer
         for (uint32 n = 1; n < count && ahead == entry; ++n) {

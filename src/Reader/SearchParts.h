@@ -13,6 +13,10 @@ namespace Lexarium::Reader {
 // How many entries of driving lists a search takes one by one, over all its
 // positions, before it intersects them a stretch at a time.
 constexpr uint32 ENTRY_BY_ENTRY_STEPS = 128;
+// Positions whose shortest list is shorter than this skip those steps: a
+// few hundred entries are cheaper to stream through a stretch at a time than
+// to leap through, one dependent read after another.
+constexpr uint32 ENTRY_BY_ENTRY_MIN_LENGTH = 512;
 
 // A key that holds the keyword, between checking its record and reading
 // its value.
