@@ -6,50 +6,19 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <fcntl.h>
-#include <iterator>
 #include <map>
 #include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 
 #include "IndexVerifier.h"
 #include "TestSupport.h"
 
 namespace fs = std::filesystem;
-using quorvex_test::TemporaryDirectory;
+using namespace quorvex_test;
 
 namespace {
 
 const std::string TOOL = QUORVEX_TOOL;
-
-pid_t start(const std::vector<std::string>& arguments) {
-    pid_t child = fork();
-    if (child == 0) {
-        std::vector<char*> argv;
-        for (const std::string& argument : arguments) {
-            argv.push_back(const_cast<char*>(argument.c_str()));
-        }
-        argv.push_back(nullptr);
-        int null = ::open("/dev/null", O_WRONLY);
-        ::dup2(null, STDOUT_FILENO);
-        ::dup2(null, STDERR_FILENO);
-        ::execv(argv[0], argv.data());
-        ::_exit(127);
-    }
-    return child;
-}
-
-int wait_for(pid_t child) {
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    return status;
-}
-
-std::string read_all(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 // The staging directory of a build of `output`, once it holds a file.
 std::string wait_for_staging(const std::string& output, pid_t child) {
@@ -87,27 +56,26 @@ class CliFault : public testing::TestWithParam<int> {};
 TEST_P(CliFault, RebuildStoppedWhileWritingLeavesTheEarlierIndexIntact) {
     int signal_number = GetParam();
     TemporaryDirectory temporary;
-    std::string small = temporary.path + "/small.tsv";
-    { std::ofstream(small) << "haus\thouse\nstraße\tstreet\n"; }
-    std::string output = temporary.path + "/index";
-    ASSERT_EQ(wait_for(start({TOOL, "build", "-q", small, output})), 0);
+    const std::string output = temporary / "index";
+    make_file(temporary / "small.tsv", "haus\thouse\nstra\xC3\x9F" "e\tstreet\n");
+    ASSERT_EQ(exit_status(start_process({TOOL, "build", "-q", temporary / "small.tsv", output})), 0);
     std::map<std::string, std::string> before;
     for (const char* name : {"table.bin", "index.bin", "key.bin", "data.bin"}) {
-        before[name] = read_all(output + "/" + name);
+        before[name] = file_contents(output + "/" + name);
     }
 
-    std::string big = temporary.path + "/big.tsv";
-    write_big_input(big);
-    pid_t child = start({TOOL, "build", "-q", "--force", big, output});
+    write_big_input(temporary / "big.tsv");
+    pid_t child = start_process({TOOL, "build", "-q", "--force", temporary / "big.tsv", output});
     std::string staging = wait_for_staging(output, child);
     ASSERT_FALSE(staging.empty()) << "the build never wrote a staging directory";
     ::kill(child, signal_number);
-    int status = wait_for(child);
+    int status = 0;
+    ::waitpid(child, &status, 0);
     ASSERT_TRUE(WIFSIGNALED(status));
     EXPECT_EQ(WTERMSIG(status), signal_number);
 
     for (const auto& file : before) {
-        EXPECT_EQ(read_all(output + "/" + file.first), file.second) << file.first;
+        EXPECT_EQ(file_contents(output + "/" + file.first), file.second) << file.first;
     }
     EXPECT_TRUE(Lexarium::IndexVerifier::verify_directory(output, true).is_sound());
     if (signal_number != SIGKILL) {
@@ -117,8 +85,4 @@ TEST_P(CliFault, RebuildStoppedWhileWritingLeavesTheEarlierIndexIntact) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Signals, CliFault, testing::Values(SIGKILL, SIGINT, SIGTERM),
-                         [](const testing::TestParamInfo<int>& info) {
-                             return info.param == SIGKILL ? std::string("Kill")
-                                    : info.param == SIGINT ? std::string("Interrupt")
-                                                           : std::string("Terminate");
-                         });
+                         [](const testing::TestParamInfo<int>& info) { return std::string(sigabbrev_np(info.param)); });

@@ -40,13 +40,7 @@ TEST(ConcurrentSearch, ThreadsSharingOneReaderGetWhatALoneSearchGets) {
         }
         items.emplace_back(key, "value " + std::to_string(i));
     }
-    Lexarium::Writer::IndexWriter writer;
-    for (const auto& item : items) {
-        writer.add_word(item.first, bytes_of(item.second));
-    }
-    Blobs blobs = blobs_of(writer.to_bytes());
-    Rc<IndexReader> reader = IndexReader::from_bytes(make_bytes(blobs.table), make_bytes(blobs.index),
-                                                     make_bytes(blobs.key), make_bytes(blobs.data));
+    Rc<IndexReader> reader = reader_of(build(items));
 
     std::vector<std::string> keywords;
     for (int i = 0; i < 200; ++i) {

@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <functional>
 #include <random>
+#include <set>
 
 #include "IndexVerifier.h"
+#include "LittleEndian.h"
 #include "Reader/IndexReader.h"
 #include "WriterTestSupport.h"
 
@@ -31,24 +34,12 @@ IndexVerification verify(const Blobs& blobs, bool deep) {
 }
 
 Blobs sample_blobs() {
-    return build({{"haus", "house"}, {"straße", "street"}, {"über", "over"}, {"ungarn", "hungary"},
-                  {std::string(100, 'a') + std::string(60, 'b'), "long"}, {"\xE4\xB8\xAD\xE6\x96\x87", "chinese"}});
+    return build({{"haus", "house"}, {"stra\xC3\x9F" "e", "street"}, {"\xC3\xBC" "ber", "over"}, {"ungarn", "hungary"},
+                  {std::string(100, 'a') + std::string(60, 'b'), "long"}, {"\xE4\xB8\xAD\xE6\x96\x87", "chinese"},
+                  {repeat("\xC3\xA9", 150), "long key, stored shortened"}});
 }
 
 }  // namespace
-
-TEST(IndexVerifier, WhatTheWriterBuildsIsSound) {
-    for (const Items& items : {Items{}, Items{{"a", ""}}, Items{{"ab", "X"}, {"b", "YZ"}}}) {
-        IndexVerification verification = verify(build(items), true);
-        EXPECT_TRUE(verification.is_sound()) << describe(verification);
-        EXPECT_EQ(verification.items, items.size());
-    }
-    IndexVerification sample = verify(sample_blobs(), true);
-    EXPECT_TRUE(sample.is_sound()) << describe(sample);
-    // A key cut to 254 bytes is listed past its stored text; that is sound.
-    IndexVerification shortened = verify(build({{repeat("\xC3\xA9", 150), "v"}}), true);
-    EXPECT_TRUE(shortened.is_sound()) << describe(shortened);
-}
 
 TEST(IndexVerifier, NamesTheBlobAndOffsetOfEachDamagedSet) {
     struct Case {
@@ -71,16 +62,29 @@ TEST(IndexVerifier, NamesTheBlobAndOffsetOfEachDamagedSet) {
         EXPECT_EQ(first.offset, c.offset) << describe(verification);
         EXPECT_NE(first.message.find(c.words), std::string::npos) << describe(verification);
     }
-    EXPECT_TRUE(IndexVerifier::verify_directory(DATA + "/good", true).is_sound());
+    IndexVerification good = IndexVerifier::verify_directory(DATA + "/good", true);
+    EXPECT_TRUE(good.is_sound()) << describe(good);
+    EXPECT_EQ(good.items, 2u);
 }
 
-TEST(IndexVerifier, ReportsMissingFilesInsteadOfStopping) {
+// A file that is missing or not a regular file is a problem named by its
+// path, not a reason to stop.
+TEST(IndexVerifier, ReportsFilesItCannotReadInsteadOfStopping) {
     IndexVerification verification = IndexVerifier::verify_directory(DATA + "/no-such-index", false);
     ASSERT_EQ(verification.problem_count, 4u);
     EXPECT_EQ(verification.problems[0].blob, DATA + "/no-such-index/table.bin");
     EXPECT_EQ(verification.problems[0].message, "No such file or directory");
-    IndexVerification directory_as_file = IndexVerifier::verify_directory(DATA, false);
-    EXPECT_EQ(directory_as_file.problems[0].message, "No such file or directory");
+
+    TemporaryDirectory temporary;
+    Lexarium::Writer::IndexWriter writer;
+    writer.add_word("haus", bytes_of("house"));
+    writer.write_into_directory_with_default_file_name(temporary.path);
+    std::filesystem::remove(temporary / "key.bin");
+    std::filesystem::create_directory(temporary / "key.bin");
+    verification = IndexVerifier::verify_directory(temporary.path, false);
+    ASSERT_EQ(verification.problem_count, 1u);
+    EXPECT_EQ(verification.problems[0].blob, temporary / "key.bin");
+    EXPECT_EQ(verification.problems[0].message, "not a regular file");
 }
 
 TEST(IndexVerifier, TableAndIndexRulesAreEachReported) {
@@ -99,8 +103,7 @@ TEST(IndexVerifier, TableAndIndexRulesAreEachReported) {
         {"sentinel", [](Blobs& b) { b.index[0] = 1; }, "index.bin", "sentinel is 1"},
         {"partial entry", [](Blobs& b) { b.index.push_back(0); }, "index.bin", "multiple of 4"},
         {"unlisted entry", [](Blobs& b) { b.index.insert(b.index.end(), 4, 0); }, "index.bin", "every entry"},
-        {"empty cell offset", [](Blobs& b) { b.table[98] = 0; b.table[102] = 0; b.table[98] = 8; },
-         "table.bin", "empty with offset 8"},
+        {"empty cell offset", [](Blobs& b) { b.table[102] = 0; b.table[98] = 8; }, "table.bin", "empty with offset 8"},
         {"unaligned list", [](Blobs& b) { b.table[98] = 6; }, "table.bin", "4-byte aligned"},
         {"descending list", [](Blobs& b) { b.table[111] = 2; b.index[12] = 7; b.index.insert(b.index.end(), 4, 0); },
          "index.bin", "ascending"},
@@ -135,6 +138,40 @@ TEST(IndexVerifier, DeepCheckCatchesListingsThatDoNotMatchTheKeys) {
     EXPECT_NE(describe(deep).find("listed for 1 of its 2 characters"), std::string::npos) << describe(deep);
 }
 
+// Every blob cut at every record boundary (and at random offsets between)
+// is caught, with or without the deep check.
+TEST(IndexVerifier, EveryTruncationOfEveryBlobIsCaught) {
+    Blobs blobs = sample_blobs();
+    ASSERT_TRUE(verify(blobs, true).is_sound());
+    std::set<size_t> cuts[4];
+    // The table's 65535 rows: the boundaries around the rows with cells, and
+    // a spread of the empty ones.
+    for (size_t offset = 0, row = 0, previous_cells = 0; offset < blobs.table.size(); ++row) {
+        if (blobs.table[offset] != 0 || previous_cells != 0 || row % 997 == 0 || row + 3 > 65535) cuts[0].insert(offset);
+        previous_cells = blobs.table[offset];
+        offset += 1 + 8 * previous_cells;
+    }
+    for (size_t offset = 0; offset < blobs.index.size(); offset += 4) cuts[1].insert(offset);
+    for (size_t offset = 0; offset < blobs.key.size(); offset += 5 + blobs.key[offset + 4]) cuts[2].insert(offset);
+    for (size_t offset = 0; offset < blobs.data.size(); offset += 2 + Lexarium::LittleEndian::load_u16(&blobs.data[offset])) {
+        cuts[3].insert(offset);
+    }
+    std::mt19937 random(5);
+    std::vector<uint8> Blobs::*const members[] = {&Blobs::table, &Blobs::index, &Blobs::key, &Blobs::data};
+    size_t checked = 0;
+    for (int blob = 0; blob < 4; ++blob) {
+        for (int i = 0; i < 200; ++i) cuts[blob].insert(random() % (blobs.*members[blob]).size());
+        for (size_t cut : cuts[blob]) {
+            SCOPED_TRACE("blob " + std::to_string(blob) + " cut at " + std::to_string(cut));
+            Blobs damaged = blobs;
+            (damaged.*members[blob]).resize(cut);
+            ASSERT_FALSE(verify(damaged, cut % 2 == 0).is_sound());
+            ++checked;
+        }
+    }
+    EXPECT_GT(checked, 500u);
+}
+
 TEST(IndexVerifier, WhateverPassesCanBeSearchedWithoutStopping) {
     // Random damage to a real index: the verifier must never fail on it,
     // and whenever it says "sound", every search must run to completion.
@@ -155,13 +192,11 @@ TEST(IndexVerifier, WhateverPassesCanBeSearchedWithoutStopping) {
                 default: blob.insert(blob.begin() + random() % blob.size(), static_cast<uint8>(random())); break;
             }
         }
-        IndexVerification verification = verify(damaged, round % 2 == 0);
-        if (!verification.is_sound()) {
+        if (!verify(damaged, round % 2 == 0).is_sound()) {
             continue;
         }
         ++sound;
-        Rc<IndexReader> reader = IndexReader::from_bytes(make_bytes(damaged.table), make_bytes(damaged.index),
-                                                         make_bytes(damaged.key), make_bytes(damaged.data));
+        Rc<IndexReader> reader = reader_of(damaged);
         for (const char* keyword : {"a", "b", "u", "\xC3\x9F", "\xE4\xB8\xAD", "ng", "aus", "\xC3\xBC" "ber"}) {
             reader->search(keyword, 65535);
         }

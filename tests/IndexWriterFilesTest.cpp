@@ -1,10 +1,12 @@
+// The writer's files: where they go, and the system's own words when they
+// cannot be written (full disks, read-only places, files in the way).
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
+#include <memory>
 #include <stdexcept>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "WriterTestSupport.h"
@@ -15,116 +17,91 @@ using namespace quorvex_test;
 namespace fs = std::filesystem;
 
 namespace {
-std::vector<uint8> read_all(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::vector<uint8>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+
+const Items ITEMS = {{"ab", "X"}, {"b", "YZ"}, {"stra\xC3\x9F" "e", "street"}};
+
+// A writer holding ITEMS. (A writer's second build would double its lists.)
+std::unique_ptr<IndexWriter> filled() {
+    std::unique_ptr<IndexWriter> writer(new IndexWriter());
+    for (const auto& item : ITEMS) {
+        writer->add_word(item.first, bytes_of(item.second));
+    }
+    return writer;
 }
 
-void fill(IndexWriter& writer) {
-    writer.add_word("ab", bytes_of("X"));
-    writer.add_word("b", bytes_of("YZ"));
+void expect_files(const std::vector<std::string>& paths) {
+    Blobs expected = build(ITEMS);
+    const std::vector<uint8>* blobs[] = {&expected.table, &expected.index, &expected.key, &expected.data};
+    for (size_t i = 0; i < 4; ++i) {
+        std::string bytes = file_contents(paths[i]);
+        EXPECT_EQ(std::vector<uint8>(bytes.begin(), bytes.end()), *blobs[i]) << paths[i];
+    }
 }
 
-Blobs expected_blobs() {
-    IndexWriter writer;
-    fill(writer);
-    return blobs_of(writer.to_bytes());
-}
-
-void expect_file_set(const std::string& directory, const Blobs& expected) {
-    EXPECT_EQ(read_all(directory + "/table.bin"), expected.table);
-    EXPECT_EQ(read_all(directory + "/index.bin"), expected.index);
-    EXPECT_EQ(read_all(directory + "/key.bin"), expected.key);
-    EXPECT_EQ(read_all(directory + "/data.bin"), expected.data);
-}
-
-std::string runtime_error_text(const std::function<void()>& action) {
+std::string error_text(const std::function<void()>& action) {
     try {
         action();
-    } catch (const std::runtime_error& error) {
+    } catch (const std::exception& error) {
         return error.what();
     }
-    return "(no std::runtime_error)";
+    return "(no error)";
 }
 
 }  // namespace
 
-TEST(IndexWriterFiles, CreatesTheDirectoryAndWritesTheFourBlobs) {
+TEST(IndexWriterFiles, WritesTheFourBlobsWhereTheyAreAskedFor) {
     TemporaryDirectory temporary;
-    std::string directory = temporary.path + "/index";
-    IndexWriter writer;
-    fill(writer);
-    writer.write_into_directory_with_default_file_name(directory);
-    expect_file_set(directory, expected_blobs());
+    // A directory is created when it is missing.
+    filled()->write_into_directory_with_default_file_name(temporary / "index");
+    expect_files({temporary / "index/table.bin", temporary / "index/index.bin", temporary / "index/key.bin",
+                  temporary / "index/data.bin"});
+
+    // An existing file set is overwritten and other files are left alone. A
+    // trailing slash gives "dir//table.bin", which names the same file.
+    make_file(temporary / "notes.txt", "keep me");
+    make_file(temporary / "data.bin", std::string(100000, 'z'));
+    filled()->write_into_directory_with_default_file_name(temporary.path + "/");
+    expect_files({temporary / "table.bin", temporary / "index.bin", temporary / "key.bin", temporary / "data.bin"});
+    EXPECT_EQ(file_contents(temporary / "notes.txt"), "keep me");
+
+    filled()->write_into_file(temporary / "t", temporary / "i", temporary / "k", temporary / "d");
+    expect_files({temporary / "t", temporary / "i", temporary / "k", temporary / "d"});
 }
 
-TEST(IndexWriterFiles, EmptyWriterWritesTheSmallestFileSet) {
+TEST(IndexWriterFiles, FailuresAreTheSystemsText) {
     TemporaryDirectory temporary;
-    IndexWriter writer;
-    writer.write_into_directory_with_default_file_name(temporary.path);
-    EXPECT_EQ(read_all(temporary.path + "/table.bin"), std::vector<uint8>(65535, 0));
-    EXPECT_EQ(read_all(temporary.path + "/index.bin"), std::vector<uint8>(4, 0));
-    EXPECT_EQ(fs::file_size(temporary.path + "/key.bin"), 0u);
-    EXPECT_EQ(fs::file_size(temporary.path + "/data.bin"), 0u);
-}
+    std::unique_ptr<IndexWriter> writer = filled();
+    EXPECT_THROW(writer->write_into_directory_with_default_file_name(temporary / "missing/index"), fs::filesystem_error);
+    EXPECT_FALSE(fs::exists(temporary / "missing"));
 
-TEST(IndexWriterFiles, OverwritesAnExistingFileSetAndLeavesOtherFilesAlone) {
-    TemporaryDirectory temporary;
-    { std::ofstream(temporary.path + "/notes.txt") << "keep me"; }
-    { std::ofstream(temporary.path + "/data.bin") << std::string(100000, 'z'); }
-    IndexWriter writer;
-    fill(writer);
-    // A trailing slash gives "dir//table.bin", which names the same file.
-    writer.write_into_directory_with_default_file_name(temporary.path + "/");
-    expect_file_set(temporary.path, expected_blobs());
-    EXPECT_EQ(read_all(temporary.path + "/notes.txt"), std::vector<uint8>({'k', 'e', 'e', 'p', ' ', 'm', 'e'}));
-}
-
-TEST(IndexWriterFiles, WritesToFourChosenPathsInTableIndexKeyDataOrder) {
-    TemporaryDirectory temporary;
-    IndexWriter writer;
-    fill(writer);
-    writer.write_into_file(temporary.path + "/t", temporary.path + "/i", temporary.path + "/k", temporary.path + "/d");
-    Blobs expected = expected_blobs();
-    EXPECT_EQ(read_all(temporary.path + "/t"), expected.table);
-    EXPECT_EQ(read_all(temporary.path + "/i"), expected.index);
-    EXPECT_EQ(read_all(temporary.path + "/k"), expected.key);
-    EXPECT_EQ(read_all(temporary.path + "/d"), expected.data);
-}
-
-TEST(IndexWriterFiles, MissingParentDirectoryIsTheFileSystemsError) {
-    TemporaryDirectory temporary;
-    IndexWriter writer;
-    EXPECT_THROW(writer.write_into_directory_with_default_file_name(temporary.path + "/missing/index"),
-                 fs::filesystem_error);
-    EXPECT_FALSE(fs::exists(temporary.path + "/missing"));
-}
-
-TEST(IndexWriterFiles, RegularFileInTheWayIsRefusedWithTheSystemsText) {
-    TemporaryDirectory temporary;
-    std::string file = temporary.path + "/plain";
-    { std::ofstream(file) << "x"; }
-    IndexWriter writer;
-    EXPECT_EQ(runtime_error_text([&] { writer.write_into_directory_with_default_file_name(file); }),
+    // A regular file where the directory should be, or on the way to it.
+    make_file(temporary / "plain", "not a directory");
+    EXPECT_EQ(error_text([&] { writer->write_into_directory_with_default_file_name(temporary / "plain"); }),
               "Not a directory");
-}
+    EXPECT_NE(error_text([&] { writer->write_into_directory_with_default_file_name(temporary / "plain/index"); })
+                  .find("cannot create directory: Not a directory"),
+              std::string::npos);
+    EXPECT_EQ(file_contents(temporary / "plain"), "not a directory");
 
-TEST(IndexWriterFiles, WriteFileReportsOpenWriteAndCloseFailures) {
-    TemporaryDirectory temporary;
+    // root writes wherever permissions say it may not, but not into sysfs.
+    TemporaryDirectory locked;
+    std::string read_only = ::geteuid() == 0 ? "/sys" : locked.path;
+    ::chmod(locked.path.c_str(), 0555);
+    EXPECT_EQ(error_text([&] { writer->write_into_directory_with_default_file_name(read_only); }), "Permission denied");
+    EXPECT_FALSE(fs::exists(read_only + "/table.bin"));
+
     std::vector<Rc<ByteArray>> small{bytes_of("abc"), bytes_of(""), bytes_of("de")};
-    EXPECT_EQ(runtime_error_text([&] { write_file(temporary.path + "/no/such/file", small); }),
-              "No such file or directory");
-
-    write_file(temporary.path + "/ok", small);
-    EXPECT_EQ(read_all(temporary.path + "/ok"), std::vector<uint8>({'a', 'b', 'c', 'd', 'e'}));
+    EXPECT_EQ(error_text([&] { write_file(temporary / "no/such/file", small); }), "No such file or directory");
+    write_file(temporary / "ok", small);
+    EXPECT_EQ(file_contents(temporary / "ok"), "abcde");
 
     if (!fs::exists("/dev/full")) {
         GTEST_SKIP() << "no /dev/full";
     }
     // Buffered bytes fail only when the stream is closed: the close's own
     // return value is reported, deliberately.
-    EXPECT_EQ(runtime_error_text([&] { write_file("/dev/full", small); }), "Unknown error -1");
-    // A write too large to buffer fails in the write itself.
-    std::vector<Rc<ByteArray>> large{make_zeros(1 << 20)};
-    EXPECT_EQ(runtime_error_text([&] { write_file("/dev/full", large); }), "No space left on device");
+    EXPECT_EQ(error_text([&] { write_file("/dev/full", small); }), "Unknown error -1");
+    // A write too large to buffer, such as a table blob, fails in the write itself.
+    EXPECT_EQ(error_text([&] { writer->write_into_file("/dev/full", "/dev/full", "/dev/full", "/dev/full"); }),
+              "No space left on device");
 }

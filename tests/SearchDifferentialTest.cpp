@@ -102,67 +102,96 @@ std::vector<const uint8*> fast_search(IndexReader& reader, const std::string& ke
     return keys;
 }
 
+Rc<IndexReader> reader_over(const std::map<std::string, Key>& keys) {
+    IndexWriter writer;
+    for (const auto& entry : keys) {
+        writer.add_word(entry.first, bytes_of(entry.second.value));
+    }
+    Blobs blobs = blobs_of(writer.to_bytes());
+    return IndexReader::from_bytes(make_bytes(blobs.table), make_bytes(blobs.index), make_bytes(blobs.key),
+                                   make_bytes(blobs.data));
+}
+
+// Random keys over the first `letters` characters of ALPHABET.
+std::map<std::string, Key> random_keys(std::mt19937& random, size_t count, size_t letters, int round) {
+    std::map<std::string, Key> keys;
+    for (size_t i = 0; i < count; ++i) {
+        size_t length = random() % 10 == 0 ? 60 + random() % 190 : 1 + random() % 8;
+        std::vector<uint32> code_points;
+        for (size_t j = 0; j < length; ++j) {
+            code_points.push_back(ALPHABET[random() % letters]);
+        }
+        Key key = make_key(code_points, std::to_string(round) + "/" + std::to_string(i));
+        keys[key.full] = key;
+    }
+    return keys;
+}
+
+// Runs `queries` searches (mostly pieces of stored keys of `shortest` to 6
+// characters from any position, sometimes random text) at each limit and
+// compares the search with the brute-force reference and with the literal
+// walk. Counts the comparisons and those that found something.
+void compare_searches(IndexReader& reader, const std::map<std::string, Key>& keys, std::mt19937& random,
+                      int queries, size_t shortest, int round, size_t& compared, size_t& with_hits) {
+    for (int query = 0; query < queries; ++query) {
+        std::vector<uint32> code_points;
+        if (random() % 4 != 0) {
+            auto entry = keys.begin();
+            std::advance(entry, random() % keys.size());
+            const std::vector<uint32>& source = entry->second.code_points;
+            size_t from = random() % source.size();
+            size_t length = shortest + random() % (7 - shortest);
+            for (size_t j = from; j < source.size() && j < from + length; ++j) {
+                code_points.push_back(source[j]);
+            }
+        } else {
+            for (size_t j = 0, length = 1 + random() % 4; j < length; ++j) {
+                code_points.push_back(ALPHABET[random() % std::size(ALPHABET)]);
+            }
+        }
+        std::string keyword;
+        for (uint32 code_point : code_points) {
+            keyword += utf8(code_point);
+        }
+        for (uint16 limit : {0, 1, 2, 3, 20, 65535}) {
+            std::vector<Hit> expected = reference_search(keys, keyword, code_points[0], limit);
+            ASSERT_EQ(library_search(reader, keyword, limit), expected)
+                << "round " << round << ", keyword " << testing::PrintToString(keyword) << ", limit " << limit;
+            // The same records, element for element, as the literal walk.
+            ASSERT_EQ(fast_search(reader, keyword, limit), literal_walk(reader, keyword, limit))
+                << "round " << round << ", keyword " << testing::PrintToString(keyword) << ", limit " << limit;
+            ++compared;
+            with_hits += expected.empty() ? 0 : 1;
+        }
+    }
+}
+
 }  // namespace
 
+// Small indexes over eight characters of one to three bytes.
 TEST(SearchDifferential, AgreesWithABruteForceWalkOnRandomIndexes) {
     std::mt19937 random(4242);
-    std::uniform_int_distribution<size_t> pick(0, std::size(ALPHABET) - 1);
     size_t compared = 0;
     size_t with_hits = 0;
     for (int round = 0; round < 200; ++round) {
-        std::map<std::string, Key> keys;
-        size_t count = 1 + random() % 30;
-        for (size_t i = 0; i < count; ++i) {
-            size_t length = random() % 10 == 0 ? 60 + random() % 190 : 1 + random() % 8;
-            std::vector<uint32> code_points;
-            for (size_t j = 0; j < length; ++j) {
-                code_points.push_back(ALPHABET[pick(random)]);
-            }
-            Key key = make_key(code_points, std::to_string(round) + "/" + std::to_string(i));
-            keys[key.full] = key;
-        }
-        IndexWriter writer;
-        for (const auto& entry : keys) {
-            writer.add_word(entry.first, bytes_of(entry.second.value));
-        }
-        Blobs blobs = blobs_of(writer.to_bytes());
-        Rc<IndexReader> reader = IndexReader::from_bytes(make_bytes(blobs.table), make_bytes(blobs.index),
-                                                         make_bytes(blobs.key), make_bytes(blobs.data));
-
-        for (int query = 0; query < 40; ++query) {
-            // Mostly pieces of stored keys (1 to 6 characters from any
-            // position), sometimes random text.
-            std::vector<uint32> code_points;
-            if (random() % 4 != 0) {
-                auto entry = keys.begin();
-                std::advance(entry, random() % keys.size());
-                const std::vector<uint32>& source = entry->second.code_points;
-                size_t from = random() % source.size();
-                size_t length = 1 + random() % 6;
-                for (size_t j = from; j < source.size() && j < from + length; ++j) {
-                    code_points.push_back(source[j]);
-                }
-            } else {
-                for (size_t j = 0, length = 1 + random() % 4; j < length; ++j) {
-                    code_points.push_back(ALPHABET[pick(random)]);
-                }
-            }
-            std::string keyword;
-            for (uint32 code_point : code_points) {
-                keyword += utf8(code_point);
-            }
-            for (uint16 limit : {0, 1, 2, 3, 65535}) {
-                std::vector<Hit> expected = reference_search(keys, keyword, code_points[0], limit);
-                ASSERT_EQ(library_search(*reader, keyword, limit), expected)
-                    << "round " << round << ", keyword " << testing::PrintToString(keyword) << ", limit " << limit;
-                // The same records, element for element, as the literal walk.
-                ASSERT_EQ(fast_search(*reader, keyword, limit), literal_walk(*reader, keyword, limit))
-                    << "round " << round << ", keyword " << testing::PrintToString(keyword) << ", limit " << limit;
-                ++compared;
-                with_hits += expected.empty() ? 0 : 1;
-            }
-        }
+        std::map<std::string, Key> keys = random_keys(random, 1 + random() % 30, std::size(ALPHABET), round);
+        compare_searches(*reader_over(keys), keys, random, 40, 1, round, compared, with_hits);
     }
     // The comparison means something only if most searches find keys.
+    EXPECT_GT(with_hits, compared / 2);
+}
+
+// Thousands of keys over three letters: lists of a thousand entries and
+// more, long enough that the search leaves its entry-by-entry steps for
+// stretches, and keywords of three to six characters, so that lists beyond
+// the two shortest are consulted or passed over.
+TEST(SearchDifferential, AgreesOnIndexesWithLongLists) {
+    std::mt19937 random(77);
+    size_t compared = 0;
+    size_t with_hits = 0;
+    for (int round = 0; round < 3; ++round) {
+        std::map<std::string, Key> keys = random_keys(random, 3000, 3, round);
+        compare_searches(*reader_over(keys), keys, random, 30, 3, round, compared, with_hits);
+    }
     EXPECT_GT(with_hits, compared / 2);
 }

@@ -3,9 +3,6 @@
 // FreeDict German-English, built by the quorvex tool.
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <filesystem>
 #include <iostream>
 #include <random>
@@ -20,21 +17,6 @@ namespace {
 
 const std::string TOOL = QUORVEX_TOOL;
 const std::string DICTIONARY = "/usr/share/dictd/freedict-deu-eng.index";
-
-// Runs the tool with `arguments`; its exit status, or -1 if it did not exit.
-int run_tool(std::vector<std::string> arguments) {
-    std::vector<char*> argv{const_cast<char*>(TOOL.c_str())};
-    for (std::string& argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    pid_t child = ::fork();
-    if (child == 0) {
-        ::execv(argv[0], argv.data());
-        ::_exit(127);
-    }
-    int status = 0;
-    bool exited = child > 0 && ::waitpid(child, &status, 0) == child && WIFEXITED(status);
-    return exited ? WEXITSTATUS(status) : -1;
-}
 
 // The stored keys of key.bin, each split into its UTF-8 characters.
 std::vector<std::vector<std::string>> stored_keys(const ByteArray& key_bytes) {
@@ -77,7 +59,9 @@ TEST(SearchRealDictionary, AgreesWithTheLiteralWalkOnFreeDictGermanEnglish) {
     quorvex_test::TemporaryDirectory directory;
     ASSERT_FALSE(directory.path.empty());
     const std::string index = directory.path + "/index";
-    ASSERT_EQ(run_tool({"build", "-q", "--skip-invalid", "--duplicates", "merge", DICTIONARY, index}), 0);
+    ASSERT_EQ(quorvex_test::exit_status(quorvex_test::start_process(
+                  {TOOL, "build", "-q", "--skip-invalid", "--duplicates", "merge", DICTIONARY, index})),
+              0);
     Rc<IndexReader> reader = IndexReader::from_directory(index);
     std::vector<std::vector<std::string>> keys = stored_keys(*reader->key_bytes);
     ASSERT_GT(keys.size(), 10000u);

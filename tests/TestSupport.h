@@ -3,14 +3,23 @@
 
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <initializer_list>
+#include <iterator>
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
+#include <spawn.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "TypeDefinitions.h"
+
+extern "C" char** environ;
 
 namespace quorvex_test {
 
@@ -73,6 +82,56 @@ inline std::vector<uint8> contents(const ByteArray& array) {
 
 inline std::vector<uint8> contents(const Rc<ByteArray>& array) { return contents(*array); }
 
+inline std::string repeat(const std::string& text, size_t times) {
+    std::string out;
+    for (size_t i = 0; i < times; ++i) {
+        out += text;
+    }
+    return out;
+}
+
+// The bytes of the file at `path`; empty when it cannot be read.
+inline std::string file_contents(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+inline void make_file(const std::string& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
+
+// Starts the program `args[0]` with `args`, stdin from /dev/null, stdout
+// written to `out` (/dev/null when null) and stderr to `err` (inherited
+// when null); -1 when it cannot be started.
+inline pid_t start_process(std::vector<std::string> args, FILE* out = nullptr, FILE* err = nullptr) {
+    std::vector<char*> argv;
+    for (std::string& arg : args) {
+        argv.push_back(arg.data());
+    }
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    ::posix_spawn_file_actions_init(&actions);
+    ::posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    if (out != nullptr) {
+        ::posix_spawn_file_actions_adddup2(&actions, ::fileno(out), STDOUT_FILENO);
+    } else {
+        ::posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    }
+    if (err != nullptr) ::posix_spawn_file_actions_adddup2(&actions, ::fileno(err), STDERR_FILENO);
+    pid_t pid = -1;
+    if (::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
+        pid = -1;
+    }
+    ::posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+// Waits for `child`: its exit status, or -1 if it did not exit (a signal,
+// an abort).
+inline int exit_status(pid_t child) {
+    int status = 0;
+    bool exited = child > 0 && ::waitpid(child, &status, 0) == child && WIFEXITED(status);
+    return exited ? WEXITSTATUS(status) : -1;
+}
+
 // A fresh directory under the system's temporary directory, removed with
 // everything in it (even if a test made it read-only) at the end of scope.
 class TemporaryDirectory {
@@ -90,6 +149,8 @@ public:
     }
     TemporaryDirectory(const TemporaryDirectory&) = delete;
     TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+
+    std::string operator/(const std::string& name) const { return this->path + "/" + name; }
 
     std::string path;
 };

@@ -38,36 +38,23 @@ TEST(Utf8Characters, CountsTheBytesOfTheLeadingCharacters) {
         std::string text;
         uint8 wanted;
         std::vector<uint8> counts;
-        uint8 found;
+        uint8 capacity;
     };
     const std::string aeb = "a\xC3\xA9" "b";
-    for (const Case& c : {Case{aeb, 2, {1, 2}, 2}, Case{aeb, 5, {1, 2, 1}, 3}, Case{aeb, 3, {1, 2, 1}, 3},
-                          Case{aeb, 0, {}, 0}, Case{"", 4, {}, 0}, Case{"\xE4\xB8\x80\xF0\x9F\x98\x80", 9, {3, 4}, 2},
+    for (const Case& c : {Case{aeb, 2, {1, 2}, 255}, Case{aeb, 5, {1, 2, 1}, 255}, Case{aeb, 3, {1, 2, 1}, 255},
+                          Case{aeb, 0, {}, 255}, Case{"", 4, {}, 255}, Case{"\xE4\xB8\x80\xF0\x9F\x98\x80", 9, {3, 4}, 255},
                           // Ends in the middle of a character: the text's end closes it.
-                          Case{"a\xC3", 9, {1, 1}, 2}, Case{"\xE4\xB8", 9, {2}, 1},
+                          Case{"a\xC3", 9, {1, 1}, 255}, Case{"\xE4\xB8", 9, {2}, 255},
                           // A stray continuation byte at the start joins nothing before it.
-                          Case{"\xA9" "a", 9, {1, 1}, 2}}) {
+                          Case{"\xA9" "a", 9, {1, 1}, 255},
+                          // Never more counts than the capacity; texts of up to 254 bytes.
+                          Case{"abcdef", 6, {1, 1, 1}, 3},
+                          Case{quorvex_test::repeat("\xC3\xA9", 127), 254, std::vector<uint8>(127, 2), 255}}) {
         SCOPED_TRACE(testing::PrintToString(c.text) + " wanted " + std::to_string(c.wanted));
-        Walk result = walk(c.text, c.wanted);
-        EXPECT_EQ(result.found, c.found);
+        Walk result = walk(c.text, c.wanted, c.capacity);
+        EXPECT_EQ(result.found, c.counts.size());
         EXPECT_EQ(result.counts, c.counts);
     }
-}
-
-TEST(Utf8Characters, NeverWritesMoreCountsThanTheCapacity) {
-    Walk result = walk("abcdef", 6, 3);
-    EXPECT_EQ(result.found, 3);
-    EXPECT_EQ(result.counts, (std::vector<uint8>{1, 1, 1}));
-}
-
-TEST(Utf8Characters, WalksA254ByteText) {
-    std::string text;
-    for (int i = 0; i < 127; ++i) {
-        text += "\xC3\xA9";
-    }
-    Walk result = walk(text, 254);
-    EXPECT_EQ(result.found, 127);
-    EXPECT_EQ(result.counts, std::vector<uint8>(127, 2));
 }
 
 TEST(Utf8Characters, StringLengthCountsCharactersUpToTheFirstZeroByte) {
