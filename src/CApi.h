@@ -24,6 +24,7 @@
  *     shares its object are used by one thread at a time. The one exception
  *     is index_reader_search: several threads may search one reader at once,
  *     each with the result lists it gets, while nobody frees the reader.
+ *     A search takes about 24 KiB of the calling thread's stack.
  *
  * Lengths, offsets and counts are unsigned 32-bit.
  */

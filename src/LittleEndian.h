@@ -17,6 +17,10 @@ inline uint32 load_u32(const uint8* bytes) {
            (static_cast<uint32>(bytes[2]) << 16) | (static_cast<uint32>(bytes[3]) << 24);
 }
 
+inline uint64_t load_u64(const uint8* bytes) {
+    return static_cast<uint64_t>(load_u32(bytes)) | (static_cast<uint64_t>(load_u32(bytes + 4)) << 32);
+}
+
 inline void store_u16(uint8* bytes, uint16 value) {
     bytes[0] = static_cast<uint8>(value);
     bytes[1] = static_cast<uint8>(value >> 8);

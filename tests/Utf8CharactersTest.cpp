@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <random>
 
 #include "Reader/Utf8Characters.h"
 #include "TestSupport.h"
 
 using Lexarium::Reader::get_bytes_count_of_char_from_unicode_string;
+using Lexarium::Reader::get_char_byte_offset;
 using Lexarium::Reader::get_unicode_string_length;
 
 namespace {
@@ -63,4 +65,31 @@ TEST(Utf8Characters, StringLengthCountsCharactersUpToTheFirstZeroByte) {
     EXPECT_EQ(get_unicode_string_length(std::string("\0b", 2)), 0u);
     EXPECT_EQ(get_unicode_string_length(""), 0u);
     EXPECT_EQ(get_unicode_string_length("\xE4\xB8\x80\xF0\x9F\x98\x80"), 2u);
+}
+
+// The offset where a character starts must agree with summing the walk's
+// byte counts, on texts of every length up to a key's longest, mixing
+// ASCII, lead bytes and stray continuation bytes so that characters straddle
+// the eight-byte steps, and for positions past the text's end.
+TEST(Utf8Characters, ByteOffsetOfACharacterAgreesWithTheWalk) {
+    const uint8 pieces[] = {'a', 0xC3, 0xA9, 0xE4, 0xB8, 0x80, 0xF0, 0x9F, 0x98, 0x80, 0x80, 0xBF};
+    std::mt19937 random(7);
+    for (int round = 0; round < 2000; ++round) {
+        std::string text;
+        size_t length = random() % 255;
+        for (size_t i = 0; i < length; ++i) {
+            text += static_cast<char>(pieces[random() % sizeof pieces]);
+        }
+        std::unique_ptr<uint8[]> copy(new uint8[text.size() + 1]);  // exact size, for AddressSanitizer
+        std::copy(text.begin(), text.end(), copy.get());
+        Walk whole = walk(text, 255);
+        for (uint32 position = 0; position <= whole.found + 2u; ++position) {
+            uint32 expected = 0;
+            for (uint32 c = 0; c < position && c < whole.found; ++c) {
+                expected += whole.counts[c];
+            }
+            ASSERT_EQ(get_char_byte_offset(copy.get(), static_cast<uint32>(text.size()), position), expected)
+                << testing::PrintToString(text) << " position " << position;
+        }
+    }
 }

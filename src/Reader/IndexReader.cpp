@@ -397,7 +397,9 @@ namespace {
 
 // The driving list is intersected a stretch at a time, the first short so
 // that a small limit stops the work early, each next one twice as long up
-// to this many entries.
+// to this many entries. Long stretches matter when every position has to
+// be intersected to its end: each stretch costs a few seeks and a ramp
+// into the merge, and 2048 took a tenth off such searches against 256.
 constexpr uint32 FIRST_CHUNK_SIZE = 32;
 constexpr uint32 CHUNK_SIZE = MAX_CANDIDATES;
 
@@ -540,17 +542,7 @@ bool IndexReader::match_key(const Keyword& keyword, uint32 entry, uint8 char_pos
     }
     const uint8* text = record + Format::KEY_RECORD_HEADER_SIZE;
 
-    // The byte offset of character `char_position`, counted as
-    // get_bytes_count_of_char_from_unicode_string counts: a character is
-    // one byte and the continuation bytes after it; past the end of the
-    // text, the end.
-    uint32 start = 0;
-    for (uint32 c = 0; c < char_position && start < key_length; ++c) {
-        ++start;
-        while (start < key_length && (text[start] & 0xC0) == 0x80) {
-            ++start;
-        }
-    }
+    uint32 start = get_char_byte_offset(text, key_length, char_position);
     if (start + wanted_length > key_length ||
         (wanted_length != 0 && std::memcmp(text + start, wanted, wanted_length) != 0)) {
         return false;

@@ -35,7 +35,8 @@ QUORVEX_API Rc<ByteArray> read_file(const std::string& file_path);
 // thread at a time is copying or releasing handles to the same object
 // (reference counts are plain integers): each thread keeps the results of
 // its own searches, and nobody copies, releases or reloads the reader while
-// others search it.
+// others search it. A search keeps its working lists on the calling
+// thread's stack, about 24 KiB.
 class QUORVEX_API IndexReader {
 public:
     // A UTF-8 converter kept for code that wants one; searches decode

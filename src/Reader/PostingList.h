@@ -95,8 +95,9 @@ uint32 intersect_by_merging(const PostingList& a, uint32 a_from, uint32 a_to, co
 uint32 intersect_by_seeking(const PostingList& a, uint32 a_from, uint32 a_to, const PostingList& b,
                             uint32& b_cursor, uint32* out, uint32 capacity);
 
-// The most candidates the search hands keep_common at once.
-constexpr uint32 MAX_CANDIDATES = 256;
+// The most candidates the search hands keep_common at once. The search and
+// keep_common each keep that many on the stack (8 KiB apiece).
+constexpr uint32 MAX_CANDIDATES = 2048;
 // keep_common steps through the list rather than looking candidates up
 // where the list has fewer than this many entries per candidate.
 constexpr uint32 DENSE_RATIO = 16;
