@@ -4,10 +4,10 @@
 #include <random>
 
 #include "Reader/Utf8Characters.h"
+#include "Utf8.h"
 #include "TestSupport.h"
 
 using Lexarium::Reader::get_bytes_count_of_char_from_unicode_string;
-using Lexarium::Reader::get_char_byte_offset;
 using Lexarium::Reader::get_unicode_string_length;
 
 namespace {
@@ -88,7 +88,7 @@ TEST(Utf8Characters, ByteOffsetOfACharacterAgreesWithTheWalk) {
             for (uint32 c = 0; c < position && c < whole.found; ++c) {
                 expected += whole.counts[c];
             }
-            ASSERT_EQ(get_char_byte_offset(copy.get(), static_cast<uint32>(text.size()), position), expected)
+            ASSERT_EQ(Lexarium::Utf8::char_byte_offset(copy.get(), static_cast<uint32>(text.size()), position), expected)
                 << testing::PrintToString(text) << " position " << position;
         }
     }

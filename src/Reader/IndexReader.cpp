@@ -542,9 +542,12 @@ bool IndexReader::match_key(const Keyword& keyword, uint32 entry, uint8 char_pos
     }
     const uint8* text = record + Format::KEY_RECORD_HEADER_SIZE;
 
-    uint32 start = get_char_byte_offset(text, key_length, char_position);
+    uint32 start = Utf8::char_byte_offset(text, key_length, char_position);
+    // The first byte on the spot: most candidates differ there, and many
+    // keywords are a single byte.
     if (start + wanted_length > key_length ||
-        (wanted_length != 0 && std::memcmp(text + start, wanted, wanted_length) != 0)) {
+        (wanted_length != 0 && (text[start] != wanted[0] ||
+                                std::memcmp(text + start + 1, wanted + 1, wanted_length - 1) != 0))) {
         return false;
     }
     match.entry = entry;

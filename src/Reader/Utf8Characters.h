@@ -22,13 +22,6 @@ QUORVEX_API void get_bytes_count_of_char_from_unicode_string(uint8* char_byte_co
                                                              const uint8* text, uint8 text_length,
                                                              uint8* char_count);
 
-// The byte offset in `text` (`text_length` bytes) where character number
-// `char_position` starts, counted as the walk above counts: a character is
-// one byte and the continuation bytes after it; `text_length` when the
-// text has fewer characters. Reads nothing at or past `text_length`.
-// Internal: the search finds the keyword's place in a key with it.
-uint32 get_char_byte_offset(const uint8* text, uint32 text_length, uint32 char_position);
-
 }  // namespace Lexarium::Reader
 
 #endif
