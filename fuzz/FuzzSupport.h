@@ -1,10 +1,11 @@
 // Shared by the fuzz targets and the seed maker: reading an input as a
-// stream of bytes, UTF-8 written out by hand, the brute-force search the
+// stream of bytes, UTF-8 read and written by hand, the brute-force search the
 // targets compare the reader with, and the checks every search result must
 // pass. Header only, so each target stays one source file plus this.
 #ifndef QUORVEX_FUZZ_SUPPORT_H
 #define QUORVEX_FUZZ_SUPPORT_H
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -22,16 +23,14 @@ namespace quorvex_fuzz {
 // Stops the process with a message; libFuzzer saves the input as a crasher.
 [[noreturn]] inline void fail(const std::string& message) {
     std::fprintf(stderr, "quorvex fuzz: %s\n", message.c_str());
-    std::fflush(stderr);
     std::abort();
 }
 
 inline std::string hex(const std::string& bytes) {
-    static const char digits[] = "0123456789abcdef";
     std::string out;
     for (unsigned char byte : bytes) {
-        out += digits[byte >> 4];
-        out += digits[byte & 15];
+        out += "0123456789abcdef"[byte >> 4];
+        out += "0123456789abcdef"[byte & 15];
     }
     return out;
 }
@@ -43,7 +42,6 @@ public:
     ByteSource(const uint8_t* data, size_t size) : data_(data), size_(size) {}
 
     bool empty() const { return position_ >= size_; }
-    size_t remaining() const { return empty() ? 0 : size_ - position_; }
 
     uint8_t u8() { return empty() ? 0 : data_[position_++]; }
     uint16_t u16() {
@@ -56,10 +54,9 @@ public:
     }
     // Up to `count` bytes, fewer when the input ends first.
     std::string bytes(size_t count) {
-        size_t taken = count < remaining() ? count : remaining();
-        std::string out(reinterpret_cast<const char*>(data_ + position_), taken);
+        size_t taken = empty() ? 0 : std::min(count, size_ - position_);
         position_ += taken;
-        return out;
+        return std::string(reinterpret_cast<const char*>(data_ + position_ - taken), taken);
     }
 
 private:
@@ -82,38 +79,22 @@ uint32_t pick_character(ByteSource& in, const uint32_t (&alphabet)[N]) {
     return code_point == 0 ? 1 : code_point == 0xFFFF ? 0xFFFE : code_point;
 }
 
-inline bool is_continuation(uint8_t byte) { return (byte & 0xC0) == 0x80; }
-
 // Reads one UTF-8 character at text[i]: shortest form, at most U+10FFFF,
 // surrogates allowed (the reader's keyword decoder takes them too). Returns
 // its size, or 0 for anything else.
-inline size_t read_character(const uint8_t* text, size_t length, size_t i, uint32_t* code_point) {
-    uint8_t lead = text[i];
-    size_t size;
-    uint32_t value;
-    if (lead < 0x80) {
-        *code_point = lead;
-        return 1;
-    } else if (lead >= 0xC2 && lead <= 0xDF) {
-        size = 2;
-        value = lead & 0x1F;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-        size = 3;
-        value = lead & 0x0F;
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-        size = 4;
-        value = lead & 0x07;
-    } else {
+inline size_t read_character(const std::string& text, size_t i, uint32_t* code_point) {
+    uint8_t lead = static_cast<uint8_t>(text[i]);
+    size_t size = lead < 0x80 ? 1 : lead < 0xC2 ? 0 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : lead < 0xF5 ? 4 : 0;
+    if (size == 0 || i + size > text.size()) {
         return 0;
     }
-    if (i + size > length) {
-        return 0;
-    }
+    uint32_t value = size == 1 ? lead : lead & (0x7F >> size);
     for (size_t j = 1; j < size; ++j) {
-        if (!is_continuation(text[i + j])) {
+        uint8_t next = static_cast<uint8_t>(text[i + j]);
+        if ((next & 0xC0) != 0x80) {
             return 0;
         }
-        value = (value << 6) | (text[i + j] & 0x3F);
+        value = (value << 6) | (next & 0x3F);
     }
     if ((size == 3 && value < 0x800) || (size == 4 && (value < 0x10000 || value > 0x10FFFF))) {
         return 0;
@@ -122,79 +103,75 @@ inline size_t read_character(const uint8_t* text, size_t length, size_t i, uint3
     return size;
 }
 
-// Decodes a stored key the way the index lists it: every character must be
-// U+0001..U+FFFE. Fills the code points and the byte offset of each.
-inline bool decode_indexable(const std::string& text, std::vector<uint32_t>* code_points,
-                             std::vector<size_t>* starts) {
-    const uint8_t* bytes = reinterpret_cast<const uint8_t*>(text.data());
+// The characters of arbitrary bytes and the byte offset of each: a byte
+// that starts no valid character stands for itself (as U+0000..U+00FF).
+// True when there was no such byte.
+inline bool decode(const std::string& text, std::vector<uint32_t>* code_points, std::vector<size_t>* starts) {
+    bool well_formed = true;
     code_points->clear();
     starts->clear();
     for (size_t i = 0; i < text.size();) {
-        uint32_t code_point;
-        size_t size = read_character(bytes, text.size(), i, &code_point);
-        if (size == 0 || code_point == 0 || code_point > 0xFFFE) {
-            return false;
-        }
+        uint32_t code_point = static_cast<uint8_t>(text[i]);
+        size_t size = read_character(text, i, &code_point);
+        well_formed = well_formed && size != 0;
         code_points->push_back(code_point);
         starts->push_back(i);
-        i += size;
+        i += size == 0 ? 1 : size;
     }
-    return true;
+    return well_formed;
 }
 
-// The characters of arbitrary bytes, for cutting keywords out of keys that
-// need not be UTF-8: a byte that starts no valid character stands for
-// itself (as U+0001..U+00FF; a zero byte is dropped).
+// Decodes a stored key the way the index lists it: every character must be
+// U+0001..U+FFFE.
+inline bool decode_indexable(const std::string& text, std::vector<uint32_t>* code_points, std::vector<size_t>* starts) {
+    bool ok = decode(text, code_points, starts);
+    for (uint32_t code_point : *code_points) {
+        ok = ok && code_point != 0 && code_point <= 0xFFFE;
+    }
+    return ok;
+}
+
+// The characters of bytes that need not be UTF-8, for cutting keywords out
+// of keys; zero bytes are dropped.
 inline std::vector<uint32_t> decode_leniently(const std::string& text) {
-    const uint8_t* bytes = reinterpret_cast<const uint8_t*>(text.data());
-    std::vector<uint32_t> out;
-    for (size_t i = 0; i < text.size();) {
-        uint32_t code_point;
-        size_t size = read_character(bytes, text.size(), i, &code_point);
-        if (size == 0) {
-            code_point = bytes[i];
-            size = 1;
-        }
-        if (code_point != 0) {
-            out.push_back(code_point);
-        }
-        i += size;
-    }
-    return out;
+    std::vector<uint32_t> code_points;
+    std::vector<size_t> starts;
+    decode(text, &code_points, &starts);
+    code_points.erase(std::remove(code_points.begin(), code_points.end(), 0u), code_points.end());
+    return code_points;
 }
 
-// True for a keyword the reader decodes without its fallback converter, and
-// so never refuses; `first` is its first code point, 0 for an empty one.
-inline bool is_well_formed_keyword(const std::string& keyword, uint32_t* first) {
-    const uint8_t* bytes = reinterpret_cast<const uint8_t*>(keyword.data());
-    *first = 0;
-    for (size_t i = 0; i < keyword.size();) {
-        uint32_t code_point;
-        size_t size = read_character(bytes, keyword.size(), i, &code_point);
-        if (size == 0) {
-            return false;
-        }
-        if (i == 0) {
-            *first = code_point;
-        }
-        i += size;
-    }
-    return true;
-}
-
-// Appends whole characters while the text stays within `max_bytes`.
-inline std::string encode_within(const std::vector<uint32_t>& code_points, size_t from, size_t count,
-                                 size_t max_bytes) {
+// Whole characters from `from`, at most `count`, while the text stays
+// within the 254 bytes a keyword may have.
+inline std::string encode_within(const std::vector<uint32_t>& code_points, size_t from, size_t count) {
     std::string out;
     for (size_t i = from; i < code_points.size() && i < from + count; ++i) {
         std::string character;
         append_utf8(character, code_points[i]);
-        if (out.size() + character.size() > max_bytes) {
+        if (out.size() + character.size() > 254) {
             break;
         }
         out += character;
     }
     return out;
+}
+
+inline std::vector<uint8_t> concatenate(const std::vector<Rc<ByteArray>>& chunks) {
+    std::vector<uint8_t> bytes;
+    for (const Rc<ByteArray>& chunk : chunks) {
+        bytes.insert(bytes.end(), chunk->data, chunk->data + chunk->length);
+    }
+    return bytes;
+}
+
+// An allocation of exactly the size of `bytes`, so that a read one byte past
+// it is a sanitizer report.
+inline Rc<ByteArray> exact_copy(const std::vector<uint8_t>& bytes) {
+    Rc<ByteArray> array(new ByteArray(static_cast<uint32>(bytes.size())));
+    if (!bytes.empty()) {
+        std::memcpy(array->data, bytes.data(), bytes.size());
+    }
+    return array;
 }
 
 // One key as the brute-force search sees it.
@@ -204,6 +181,15 @@ struct ReferenceKey {
     std::vector<size_t> starts;        // byte offset in `stored` of each stored character
     std::string value;
 };
+
+// A key added with `characters`, as key.bin holds it: whole characters
+// while it fits in 254 bytes.
+inline ReferenceKey reference_key(const std::vector<uint32_t>& characters, const std::string& value) {
+    ReferenceKey key{encode_within(characters, 0, characters.size()), characters, {}, value};
+    std::vector<uint32_t> stored;
+    decode(key.stored, &stored, &key.starts);
+    return key;
+}
 
 struct Hit {
     std::string key;
@@ -220,7 +206,7 @@ inline std::vector<Hit> reference_search(const std::vector<ReferenceKey>& keys, 
                                          uint32_t first, uint16_t limit) {
     std::vector<Hit> hits;
     uint32_t total = 0;
-    for (uint32_t position = 0; position <= 254; ++position) {
+    for (uint32_t position = 0; position <= 254 && (position == 0 || total < limit); ++position) {
         uint16_t wanted = static_cast<uint16_t>(limit - total);
         uint16_t found = 0;
         for (const ReferenceKey& key : keys) {
@@ -230,8 +216,7 @@ inline std::vector<Hit> reference_search(const std::vector<ReferenceKey>& keys, 
             // A character past the stored text (a shortened key) starts at
             // its end, where no keyword fits.
             size_t start = position < key.starts.size() ? key.starts[position] : key.stored.size();
-            if (start + keyword.size() > key.stored.size() ||
-                key.stored.compare(start, keyword.size(), keyword) != 0) {
+            if (key.stored.compare(start, keyword.size(), keyword) != 0) {
                 continue;
             }
             hits.push_back(Hit{key.stored, key.value});
@@ -240,9 +225,6 @@ inline std::vector<Hit> reference_search(const std::vector<ReferenceKey>& keys, 
             }
         }
         total += found;
-        if (total >= limit) {
-            break;
-        }
     }
     return hits;
 }
@@ -261,43 +243,38 @@ inline bool lies_inside(const ByteArray& view, const ByteArray& blob) {
 // Every byte of every view is read, so a sanitizer sees a view that strays.
 inline std::vector<Hit> checked_hits(const Results& results, const ByteArray& key_blob, const ByteArray& data_blob,
                                      const std::string& keyword, uint16_t limit) {
-    size_t allowed = limit == 0 ? 1 : limit;
-    if (results->size() > allowed) {
-        fail("search for " + hex(keyword) + " with limit " + std::to_string(limit) + " returned " +
-             std::to_string(results->size()) + " results");
+    const std::string search = "search for " + hex(keyword) + " with limit " + std::to_string(limit);
+    if (results->size() > (limit == 0 ? 1u : limit)) {
+        fail(search + " returned " + std::to_string(results->size()) + " results");
     }
     std::vector<Hit> hits;
     for (const auto& result : *results) {
         const ByteArray& key = *result->key;
         const ByteArray& value = *result->value;
         if (!lies_inside(key, key_blob) || !lies_inside(value, data_blob)) {
-            fail("search for " + hex(keyword) + " returned a view outside the blobs");
+            fail(search + " returned a view outside the blobs");
         }
-        Hit hit{std::string(reinterpret_cast<const char*>(key.data), key.length),
-                std::string(reinterpret_cast<const char*>(value.data), value.length)};
-        if (hit.key.find(keyword) == std::string::npos) {
-            fail("search for " + hex(keyword) + " returned the key " + hex(hit.key) + ", which does not hold it");
+        hits.push_back(Hit{std::string(reinterpret_cast<const char*>(key.data), key.length),
+                           std::string(reinterpret_cast<const char*>(value.data), value.length)});
+        if (hits.back().key.find(keyword) == std::string::npos) {
+            fail(search + " returned the key " + hex(hits.back().key) + ", which does not hold it");
         }
-        hits.push_back(std::move(hit));
     }
     return hits;
 }
 
 inline void require_same_hits(const std::vector<Hit>& actual, const std::vector<Hit>& expected,
                               const std::string& keyword, uint16_t limit) {
-    if (actual == expected) {
-        return;
+    if (actual != expected) {
+        std::string keys[2];
+        for (int side = 0; side < 2; ++side) {
+            for (const Hit& hit : side == 0 ? actual : expected) {
+                keys[side] += " " + hex(hit.key);
+            }
+        }
+        fail("search for " + hex(keyword) + " with limit " + std::to_string(limit) +
+             " differs from the brute-force search\n  library:" + keys[0] + "\n  expected:" + keys[1]);
     }
-    std::string message = "search for " + hex(keyword) + " with limit " + std::to_string(limit) +
-                          " differs from the brute-force search\n  library:";
-    for (const Hit& hit : actual) {
-        message += " " + hex(hit.key);
-    }
-    message += "\n  expected:";
-    for (const Hit& hit : expected) {
-        message += " " + hex(hit.key);
-    }
-    fail(message);
 }
 
 // The table section of a raw file-set input: bytes as they are, except that
@@ -315,38 +292,9 @@ inline std::vector<uint8_t> expand_table(const std::string& section, size_t max_
         }
         size_t zeros = static_cast<uint8_t>(section[i + 1]) | (static_cast<uint8_t>(section[i + 2]) << 8);
         i += 2;
-        if (zeros == 0) {
-            out.push_back(0xFF);
-        } else {
-            out.resize(out.size() + zeros, 0);
-        }
+        out.resize(out.size() + (zeros == 0 ? 1 : zeros), zeros == 0 ? 0xFF : 0);
     }
-    if (out.size() > max_bytes) {
-        out.resize(max_bytes);
-    }
-    return out;
-}
-
-inline std::string compress_table(const std::vector<uint8_t>& table) {
-    std::string out;
-    for (size_t i = 0; i < table.size();) {
-        size_t run = 0;
-        while (i + run < table.size() && table[i + run] == 0 && run < 0xFFFF) {
-            ++run;
-        }
-        if (run >= 4) {
-            out += '\xFF';
-            out += static_cast<char>(run & 0xFF);
-            out += static_cast<char>(run >> 8);
-            i += run;
-        } else if (table[i] == 0xFF) {
-            out += std::string("\xFF\x00\x00", 3);
-            ++i;
-        } else {
-            out += static_cast<char>(table[i]);
-            ++i;
-        }
-    }
+    out.resize(std::min(out.size(), max_bytes));
     return out;
 }
 

@@ -23,34 +23,17 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 extern "C" size_t quorvex_fuzz_searched_inputs();
 
-namespace {
-
-bool read_whole(const std::filesystem::path& path, std::vector<uint8_t>& bytes) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        return false;
-    }
-    bytes.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-    return !file.bad();
-}
-
-}  // namespace
-
 int main(int argc, char** argv) {
     bool require_searched = false;
     bool optional = false;
     std::vector<std::filesystem::path> inputs;
     for (int i = 1; i < argc; ++i) {
         std::string argument = argv[i];
-        if (argument == "--require-searched") {
-            require_searched = true;
+        if (argument == "--require-searched" || argument == "--optional") {
+            (argument == "--optional" ? optional : require_searched) = true;
             continue;
         }
-        if (argument == "--optional") {
-            optional = true;
-            continue;
-        }
-        if (argument.rfind("-", 0) == 0) {
+        if (argument[0] == '-') {
             std::fprintf(stderr, "%s: unknown option %s\n", argv[0], argument.c_str());
             return 2;
         }
@@ -77,9 +60,10 @@ int main(int argc, char** argv) {
         return 1;
     }
 
-    std::vector<uint8_t> bytes;
     for (const std::filesystem::path& input : inputs) {
-        if (!read_whole(input, bytes)) {
+        std::ifstream file(input, std::ios::binary);
+        std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+        if (!file || file.bad()) {
             std::fprintf(stderr, "%s: %s: cannot be read\n", argv[0], input.c_str());
             return 1;
         }

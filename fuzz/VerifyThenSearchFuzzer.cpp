@@ -59,14 +59,11 @@ struct FileSet {
     std::vector<uint8_t> blobs[4];
 };
 
-void put_u16(std::vector<uint8_t>& out, uint16_t value) {
-    out.push_back(static_cast<uint8_t>(value));
-    out.push_back(static_cast<uint8_t>(value >> 8));
-}
-
-void put_u32(std::vector<uint8_t>& out, uint32_t value) {
-    put_u16(out, static_cast<uint16_t>(value));
-    put_u16(out, static_cast<uint16_t>(value >> 16));
+// `value` as `bytes` little-endian bytes.
+void put(std::vector<uint8_t>& out, uint32_t value, int bytes = 4) {
+    for (int i = 0; i < bytes; ++i) {
+        out.push_back(static_cast<uint8_t>(value >> (8 * i)));
+    }
 }
 
 FileSet raw_file_set(ByteSource& in) {
@@ -89,7 +86,8 @@ FileSet raw_file_set(ByteSource& in) {
 // Few characters, so that keys share them, including the edges of the
 // one-, two- and three-byte forms and two surrogates (which the verifier and
 // the reader both take as characters).
-const uint32_t ALPHABET[] = {'a', 'b', 'n', 'a', 0x01, 0x7F, 0x80, 0xE9, 0x7FF, 0x800, 0x436, 0x4E2D, 0xD800, 0xDFFF, 0xFFFD, 0xFFFE};
+const uint32_t ALPHABET[] = {'a',   'b',   'n',   'a',    0x01,   0x7F,   0x80,   0xE9,
+                             0x7FF, 0x800, 0x436, 0x4E2D, 0xD800, 0xDFFF, 0xFFFD, 0xFFFE};
 
 uint32_t pick_character(ByteSource& in) { return quorvex_fuzz::pick_character(in, ALPHABET); }
 
@@ -208,7 +206,7 @@ void loosen(CellMap& cells, const std::vector<uint32_t>& key_offsets, ByteSource
 // a shared cell lists, so that the lists account for every entry.
 void lay_out(const CellMap& cells, bool reversed, uint32_t filler, Generated& out) {
     std::vector<uint8_t>& index = out.files.blobs[1];
-    put_u32(index, 0);
+    put(index, 0);
     std::map<std::pair<uint32_t, uint32_t>, std::pair<uint32_t, uint32_t>> placed;  // (offset, count)
     std::vector<std::pair<uint32_t, uint32_t>> owned;
     auto place = [&](const std::pair<std::pair<uint32_t, uint32_t>, CellPlan>& cell) {
@@ -218,7 +216,7 @@ void lay_out(const CellMap& cells, bool reversed, uint32_t filler, Generated& ou
         std::pair<uint32_t, uint32_t> list{static_cast<uint32_t>(index.size()),
                                            static_cast<uint32_t>(cell.second.entries.size())};
         for (uint32_t entry : cell.second.entries) {
-            put_u32(index, entry);
+            put(index, entry);
         }
         placed[cell.first] = list;
         owned.push_back(list);
@@ -244,7 +242,7 @@ void lay_out(const CellMap& cells, bool reversed, uint32_t filler, Generated& ou
         shared_entries += count;
     }
     for (uint32_t i = 0; i < shared_entries; ++i) {
-        put_u32(index, filler);
+        put(index, filler);
     }
 
     std::vector<uint8_t>& table = out.files.blobs[0];
@@ -264,8 +262,8 @@ void lay_out(const CellMap& cells, bool reversed, uint32_t filler, Generated& ou
         for (uint32_t position = 0; position < cells_count; ++position) {
             auto list = placed.find({row, position});
             std::pair<uint32_t, uint32_t> written = list == placed.end() ? std::make_pair(0u, 0u) : list->second;
-            put_u32(table, written.first);
-            put_u32(table, written.second);
+            put(table, written.first);
+            put(table, written.second);
         }
         for (size_t at = record; at < table.size(); ++at) {
             out.row_bytes.push_back(at);
@@ -294,10 +292,10 @@ Generated generate(ByteSource& in, bool loose) {
         std::string key = generate_key(in, shape);
 
         uint32_t key_offset = static_cast<uint32_t>(key_blob.size());
-        put_u32(key_blob, static_cast<uint32_t>(data_blob.size()));
+        put(key_blob, static_cast<uint32_t>(data_blob.size()));
         key_blob.push_back(static_cast<uint8_t>(key.size()));
         key_blob.insert(key_blob.end(), key.begin(), key.end());
-        put_u16(data_blob, static_cast<uint16_t>(value.size()));
+        put(data_blob, static_cast<uint32_t>(value.size()), 2);
         data_blob.insert(data_blob.end(), value.begin(), value.end());
         key_offsets.push_back(key_offset);
 
@@ -374,14 +372,6 @@ void damage(Generated& generated, ByteSource& in) {
 
 // ---- Verification ----
 
-Rc<ByteArray> exact_copy(const std::vector<uint8_t>& bytes) {
-    Rc<ByteArray> array(new ByteArray(static_cast<uint32>(bytes.size())));
-    if (!bytes.empty()) {
-        std::memcpy(array->data, bytes.data(), bytes.size());
-    }
-    return array;
-}
-
 // Runs the verifier and holds it to its own report: problems kept up to the
 // limit and all counted, each naming one of the four blobs and an offset
 // within it.
@@ -406,11 +396,8 @@ IndexVerification verify(const Rc<ByteArray> (&blobs)[4], bool deep, size_t max_
 }
 
 std::string describe(const IndexVerification& result) {
-    std::string text = std::to_string(result.problem_count) + " problem(s)";
-    for (const Lexarium::IndexProblem& problem : result.problems) {
-        text += "; " + problem.blob + " at " + std::to_string(problem.offset) + ": " + problem.message;
-    }
-    return text;
+    const Lexarium::IndexProblem& first = result.problems.front();
+    return first.blob + " at " + std::to_string(first.offset) + ": " + first.message;
 }
 
 // ---- Searching ----
@@ -470,13 +457,13 @@ std::vector<std::string> keywords_for(const std::vector<KeyRecord>& records, Byt
         std::string keyword;
         switch (kind) {
             case 0:  // a piece of 1 to 6 characters
-                keyword = encode_within(characters, from, 1 + pick(6, round), 254);
+                keyword = encode_within(characters, from, 1 + pick(6, round));
                 break;
             case 1:  // the first 1 to 3 characters
-                keyword = encode_within(characters, 0, 1 + pick(3, 0), 254);
+                keyword = encode_within(characters, 0, 1 + pick(3, 0));
                 break;
             case 2:  // the whole key, as far as it is characters
-                keyword = encode_within(characters, 0, 254, 254);
+                keyword = encode_within(characters, 0, 254);
                 break;
             case 3:  // raw bytes of the key, perhaps cut inside a character
                 keyword = text.substr(pick(text.size() + 1, 1), 1 + pick(12, 3));
@@ -488,14 +475,14 @@ std::vector<std::string> keywords_for(const std::vector<KeyRecord>& records, Byt
                 uint32_t& changed = twin[pick(twin.size(), 0)];
                 uint32_t low = pick(4, 1) == 0 ? 0xFFFF : changed & 0xFFFF;
                 changed = static_cast<uint32_t>((1 + pick(16, 0)) << 16) | low;
-                keyword = encode_within(twin, 0, twin.size(), 254);
+                keyword = encode_within(twin, 0, twin.size());
                 break;
             }
             case 5:  // bytes from the input, or a keyword that is not UTF-8
                 keyword = chosen ? query.bytes(query.u8() % 32) : std::string("a\xFF");
                 break;
             case 6:  // the longest keyword allowed, 254 bytes
-                keyword = encode_within(characters, from, 254, 254);
+                keyword = encode_within(characters, from, 254);
                 while (keyword.size() < 254) {
                     keyword += 'a';
                 }
@@ -517,8 +504,10 @@ void search_file_set(const Rc<ByteArray> (&blobs)[4], bool deep_sound, ByteSourc
     std::vector<std::string> keywords = keywords_for(records, query);
     const uint16_t limits[] = {0, 1, 2, 65535, query.u16()};
     for (const std::string& keyword : keywords) {
-        uint32_t first = 0;
-        bool well_formed = is_well_formed_keyword(keyword, &first);
+        std::vector<uint32_t> characters;
+        std::vector<size_t> starts;
+        bool well_formed = decode(keyword, &characters, &starts);
+        uint32_t first = characters.empty() ? 0 : characters[0];
         for (uint16_t limit : limits) {
             Results results;
             try {
@@ -566,10 +555,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         files = std::move(generated.files);
     }
 
-    Rc<ByteArray> blobs[4];
-    for (int blob = 0; blob < 4; ++blob) {
-        blobs[blob] = exact_copy(files.blobs[blob]);
-    }
+    const Rc<ByteArray> blobs[4] = {exact_copy(files.blobs[0]), exact_copy(files.blobs[1]), exact_copy(files.blobs[2]),
+                                    exact_copy(files.blobs[3])};
     bool sound;
     bool deep_sound = false;
     if (expect_sound) {
