@@ -546,8 +546,9 @@ bool IndexReader::match_key(const Keyword& keyword, uint32 entry, uint8 char_pos
     // The first byte on the spot: most candidates differ there, and many
     // keywords are a single byte.
     if (start + wanted_length > key_length ||
-        (wanted_length != 0 && (text[start] != wanted[0] ||
-                                std::memcmp(text + start + 1, wanted + 1, wanted_length - 1) != 0))) {
+        (wanted_length != 0 &&
+         (text[start] != wanted[0] ||
+          (wanted_length > 1 && std::memcmp(text + start + 1, wanted + 1, wanted_length - 1) != 0)))) {
         return false;
     }
     match.entry = entry;
