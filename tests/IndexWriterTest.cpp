@@ -30,7 +30,8 @@ std::vector<std::pair<uint32, std::string>> key_records(const std::vector<uint8>
 // an empty writer there and by the tool.)
 
 // Items go out in byte order of their keys, the last value added for a key
-// winning; a value shared by two keys is stored for each.
+// winning; a value shared by two keys is stored for each. The data blob
+// takes the values as they are, without a copy of its own.
 TEST(IndexWriter, KeepsItemsInByteOrderWithTheLastValuePerKey) {
     IndexWriter writer;
     Rc<ByteArray> shared = bytes_of("s");
@@ -39,12 +40,16 @@ TEST(IndexWriter, KeepsItemsInByteOrderWithTheLastValuePerKey) {
     }
     writer.add_word("x", shared);
     writer.add_word("y", shared);
-    Blobs blobs = blobs_of(writer.to_bytes());
+    Rc<Lexarium::Writer::_IndexData> built = writer.to_bytes();
+    Blobs blobs = blobs_of(built);
     auto records = key_records(blobs.key);
     const std::vector<std::pair<uint32, std::string>> expected = {
         {0, ""}, {3, "ab"}, {6, "abc"}, {9, "b"}, {12, "x"}, {15, "y"}, {18, "\xC3\xA9"}};
     EXPECT_EQ(records, expected);
     EXPECT_EQ(blobs.data, (std::vector<uint8>{1, 0, '4', 1, 0, '5', 1, 0, '2', 1, 0, '1', 1, 0, 's', 1, 0, 's', 1, 0, '6'}));
+    ASSERT_EQ(built->data_chunks.size(), 2u * 7u);
+    EXPECT_EQ(built->data_chunks[9].get(), shared.get());
+    EXPECT_EQ(built->data_chunks[11].get(), shared.get());
     // The empty key has records but no cell: 2 + 3 + 1 + 1 + 1 + 1 code points.
     EXPECT_EQ(blobs.index.size(), 4u + 4u * 9u);
 }

@@ -18,15 +18,14 @@ using Lexarium::Format::MAX_STORED_KEY_BYTES;
 using Lexarium::Format::VALUE_RECORD_HEADER_SIZE;
 using Lexarium::Writer::IndexDataCollection;
 
-// The value record: uint16 length, then the value's bytes.
+// The value record: uint16 length, then the value's bytes, as two chunks.
 uint32 push_word_value_into_data(IndexDataCollection* data, const my_item_signature_& item) {
     assert(item.second->length < 65535);
     uint32 length = item.second->length;
-    uint8* record = data->pending_data->append(VALUE_RECORD_HEADER_SIZE + length);
-    Lexarium::LittleEndian::store_u16(record, static_cast<uint16>(length));
-    if (length != 0) {
-        std::memcpy(record + VALUE_RECORD_HEADER_SIZE, item.second->data, length);
-    }
+    Rc<ByteArray> header = make_rc<ByteArray>(VALUE_RECORD_HEADER_SIZE);
+    Lexarium::LittleEndian::store_u16(header->data, static_cast<uint16>(length));
+    data->data_chunks.push_back(std::move(header));
+    data->data_chunks.push_back(item.second);
     return VALUE_RECORD_HEADER_SIZE + length;
 }
 
@@ -44,7 +43,8 @@ static Rc<WritableIndexCell> new_cell() {
 // (positions of the full key, low 8 bits). push_indexes_into_data follows.
 Rc<_IndexData> IndexWriter::to_bytes() {
     Rc<_IndexData> result(new _IndexData());
-    result->pending_data->reserve(this->expected_data_bytes);
+    // Two data chunks per item: the value's length, then the value itself.
+    result->data_chunks.reserve(2 * this->words.size());
     result->pending_keys->reserve(this->expected_key_bytes);
     uint32 data_offset = 0;
     uint32 key_offset = 0;
@@ -106,16 +106,13 @@ uint32 push_word_key_into_data(const uint32& data_pointer, const my_item_signatu
 
 namespace Lexarium::Writer {
 
-_IndexData::_IndexData() : pending_keys(new _BlobBuffer()), pending_data(new _BlobBuffer()) {}
+_IndexData::_IndexData() : pending_keys(new _BlobBuffer()) {}
 
 _IndexData::~_IndexData() = default;
 
 void _IndexData::seal_pending() {
     if (this->pending_keys->size() != 0) {
         this->key_chunks.push_back(this->pending_keys->take());
-    }
-    if (this->pending_data->size() != 0) {
-        this->data_chunks.push_back(this->pending_data->take());
     }
 }
 
@@ -134,15 +131,12 @@ IndexWriter::~IndexWriter() = default;
 
 void IndexWriter::add_word(const std::string& key, Rc<ByteArray> value) {
     auto position = this->words.lower_bound(key);
-    uint32 value_length = value->length;
     if (position != this->words.end() && position->first == key) {
-        this->expected_data_bytes -= position->second->length;
         position->second = std::move(value);
     } else {
         this->words.emplace_hint(position, key, std::move(value));
         this->expected_key_bytes += KEY_RECORD_HEADER_SIZE + std::min<uint64_t>(key.size(), MAX_STORED_KEY_BYTES);
     }
-    this->expected_data_bytes += VALUE_RECORD_HEADER_SIZE + value_length;
 }
 
 void IndexWriter::push_indexes_into_data(_IndexData* data) {
@@ -210,11 +204,19 @@ void IndexWriter::write_into_directory_with_default_file_name(const std::string&
                           directory + Format::KEY_FILE_NAME, directory + Format::DATA_FILE_NAME);
 }
 
+namespace {
+constexpr size_t WRITE_BUFFER_BYTES = 1 << 20;
+}  // namespace
+
 void write_file(const std::string& path, const std::vector<Rc<ByteArray>>& chunks) {
     FILE* file = std::fopen(path.c_str(), "w+");
     if (file == nullptr) {
         throw std::runtime_error(std::strerror(errno));
     }
+    // data.bin comes as two chunks per item, most of them small: a larger
+    // buffer than stdio's few KiB saves a system call every few items. If
+    // it cannot be had, the default buffer serves.
+    std::setvbuf(file, nullptr, _IOFBF, WRITE_BUFFER_BYTES);
     for (const Rc<ByteArray>& chunk : chunks) {
         uint32 written = 0;
         while (written < chunk->length) {

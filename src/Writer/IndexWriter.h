@@ -17,13 +17,16 @@ namespace Lexarium::Writer {
 class _BlobBuffer;
 
 // _IndexData: the result of one build, the four blobs of an index as lists
-// of chunks (a blob is its chunks concatenated, in list order). The writer
-// produces each blob as a single chunk; an empty key or data blob is an
-// empty list.
+// of chunks (a blob is its chunks concatenated, in list order). The table,
+// index and key blobs come as one chunk each (none for an empty key blob).
+// The data blob is two chunks per item: a fresh 2-byte value length and the
+// item's own value array, shared with the writer, not copied; so writing
+// data.bin never holds a second copy of all values in memory, and the
+// chunks stay valid while this collection lives.
 //
-// While a build runs, the encoding functions below append value and key
-// records to pending buffers inside the collection; the build seals them
-// into `key_chunks` and `data_chunks` when every item is encoded.
+// While a build runs, the key encoding function below appends key records
+// to a pending buffer inside the collection; the build seals it into
+// `key_chunks` when every item is encoded.
 struct QUORVEX_API _IndexData {
     std::vector<Rc<ByteArray>> table_chunks;
     std::vector<Rc<ByteArray>> index_chunks;
@@ -35,12 +38,11 @@ struct QUORVEX_API _IndexData {
     _IndexData(const _IndexData&) = delete;
     _IndexData& operator=(const _IndexData&) = delete;
 
-    // Moves the pending key and value records into `key_chunks` and
-    // `data_chunks`, one chunk each (none for an empty blob).
+    // Moves the pending key records into `key_chunks`, as one chunk (none
+    // for an empty blob).
     void seal_pending();
 
     std::unique_ptr<_BlobBuffer> pending_keys;
-    std::unique_ptr<_BlobBuffer> pending_data;
 };
 
 typedef _IndexData IndexDataCollection;
@@ -50,10 +52,10 @@ typedef _IndexData IndexDataCollection;
 // One item, as the writer's word map holds it: key bytes and value.
 typedef std::pair<const std::string, Rc<ByteArray>> my_item_signature_;
 
-// Appends the value record of `item` (uint16 length, then the bytes) to the
-// data blob pending in `data` and returns its size, 2 + value length. The
-// value bytes are copied now, so a change the caller made to them before the
-// build shows in the output. A value of more than 65534 bytes stops the
+// Appends the value record of `item` to the data chunks of `data`, as a
+// fresh 2-byte chunk holding the value's length and the value array itself
+// (shared: its bytes are read when the chunks are written or joined), and
+// returns its size, 2 + value length. A value of more than 65534 bytes stops the
 // process with "item.second->length < 65535".
 QUORVEX_API uint32 push_word_value_into_data(Lexarium::Writer::IndexDataCollection* data,
                                              const my_item_signature_& item);
@@ -123,9 +125,8 @@ public:
     void write_into_directory_with_default_file_name(const std::string& directory);
 
 private:
-    // What the items added so far need in data.bin and (at most) in key.bin,
-    // kept up to date by add_word so that a build sizes its blobs at once.
-    uint64_t expected_data_bytes = 0;
+    // What the items added so far need (at most) in key.bin, kept up to
+    // date by add_word so that a build sizes that blob at once.
     uint64_t expected_key_bytes = 0;
 };
 
