@@ -34,6 +34,7 @@ struct IndexReader::Scratch {
     uint32 order[Format::MAX_CELLS_PER_ROW + 1];    // list indexes, shortest list first
     uint32 cursors[Format::MAX_CELLS_PER_ROW + 1];  // per place in `order`
     uint32 steps_left;  // of the search's entry-by-entry steps, over all positions
+    uint32 chunk_size;  // of the next stretch, carried from one position to the next
 };
 
 }  // namespace Lexarium::Reader
