@@ -440,11 +440,10 @@ DictionaryReport run_dictionary(const std::string& path, const Options& options)
     std::vector<double> read_ms;
     for (int round = 0; round < LOAD_ROUNDS; ++round) {
         for (size_t c = 0; c < contenders.size(); ++c) {
+            contenders[c]->unload();
             if (c == 0) {
-                contenders[c]->unload();
                 read_ms.push_back(read_index_files_ms(directories[c]));
             }
-            contenders[c]->unload();
             Clock::time_point load_start = Clock::now();
             contenders[c]->load(directories[c]);
             contenders[c]->search(keywords.front().text, LIMITS[0]);
