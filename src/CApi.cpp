@@ -56,6 +56,16 @@ void release_handle(Handle* handle) {
     delete handle;
 }
 
+// A copy of `text` for the caller, released with free(); NULL when there is
+// no memory for it.
+char* copy_for_caller(const std::string& text) noexcept {
+    char* copy = static_cast<char*>(std::malloc(text.size() + 1));
+    if (copy != nullptr) {
+        std::memcpy(copy, text.c_str(), text.size() + 1);
+    }
+    return copy;
+}
+
 // The verdict as the C functions report it.
 int report_verification(const Lexarium::IndexVerification& verification, char** message) {
     if (message != nullptr) {
@@ -69,12 +79,10 @@ int report_verification(const Lexarium::IndexVerification& verification, char** 
         if (verification.problem_count > verification.problems.size()) {
             text += "... and " + std::to_string(verification.problem_count - verification.problems.size()) + " more\n";
         }
-        char* copy = static_cast<char*>(std::malloc(text.size() + 1));
-        if (copy == nullptr) {
+        *message = copy_for_caller(text);
+        if (*message == nullptr) {
             throw std::bad_alloc();
         }
-        std::memcpy(copy, text.c_str(), text.size() + 1);
-        *message = copy;
     }
     return verification.is_sound() ? 0 : 1;
 }
@@ -206,6 +214,28 @@ IndexReaderHandle* index_reader_new_from_bytes(ByteArrayHandle* table, ByteArray
                                                ByteArrayHandle* data) {
     return make_handle<IndexReaderHandle>(IndexReader::from_bytes(*table->rc, *index->rc, *key->rc, *data->rc));
 }
+
+IndexReaderHandle* index_reader_new_mapped(const char* directory, char** error) {
+    std::string why;
+    try {
+        if (directory == nullptr) {
+            why = "no directory given";
+        } else {
+            Rc<IndexReader> reader = IndexReader::from_directory_mapped(directory, &why);
+            if (!reader.is_null()) {
+                return make_handle<IndexReaderHandle>(std::move(reader));
+            }
+        }
+    } catch (...) {
+        why = "out of memory";  // the only thing that can be thrown here
+    }
+    if (error != nullptr) {
+        *error = copy_for_caller(why);
+    }
+    return nullptr;
+}
+
+void index_reader_error_free(char* error) { std::free(error); }
 
 void index_reader_free(IndexReaderHandle* reader) { release_handle(reader); }
 

@@ -165,6 +165,34 @@ QUORVEX_API IndexReaderHandle* index_reader_new_from_files(const char* table_pat
 QUORVEX_API IndexReaderHandle* index_reader_new_from_bytes(ByteArrayHandle* table, ByteArrayHandle* index,
                                                            ByteArrayHandle* key, ByteArrayHandle* data);
 
+/* A new reader over the files table.bin, index.bin, key.bin and data.bin of
+ * `directory`, mapped read-only instead of read: opening costs one walk over
+ * table.bin (a few milliseconds), and the other files' pages come from the
+ * page cache as searches touch them, shared by every reader of the same
+ * files in the process. This is the way to open a file set that the caller
+ * did not build: it never stops the process and throws nothing.
+ *
+ * On failure it returns NULL and, when `error` is not NULL, stores in
+ * *error a message naming the file and the problem (a NULL or empty path, a
+ * missing or unreadable file, a directory or FIFO in a file's place, a file
+ * of 4 GiB or more, a table.bin that is not 65535 rows, ...), which the
+ * caller releases with index_reader_error_free; *error may be NULL when not
+ * even the message could be allocated. On success *error is left as it was.
+ *
+ * Searches on such a reader check each record as they reach it and pass
+ * over one that lies outside its file: whatever the files hold, they never
+ * stop the process nor read outside the files, and on a sound index they
+ * return exactly what the other readers return. Index files must not be
+ * changed in place while mapped: a file truncated in place makes a later
+ * search receive SIGBUS. Replace an index by renaming a new directory into
+ * place, as the quorvex tool does; open readers keep the old files. The
+ * caller releases the result with index_reader_free; results stay valid
+ * while the reader lives. */
+QUORVEX_API IndexReaderHandle* index_reader_new_mapped(const char* directory, char** error);
+
+/* Frees a message from index_reader_new_mapped; NULL is ignored. */
+QUORVEX_API void index_reader_error_free(char* error);
+
 /* Releases the handle `reader`; the reader goes with the last reference.
  * Results taken from it must not be read afterwards. NULL is ignored. */
 QUORVEX_API void index_reader_free(IndexReaderHandle* reader);

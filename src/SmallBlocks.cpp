@@ -34,10 +34,11 @@ struct ThreadBlocks {
     std::size_t fresh_bytes = 0;
 };
 
-// Initial-exec: the library is linked, not loaded late with dlopen(), so
-// its few bytes of thread-local state can live in the threads' static TLS
-// and be reached without a call to __tls_get_addr on every allocation.
-thread_local ThreadBlocks blocks __attribute__((tls_model("initial-exec")));
+// The general TLS model, so that the library can be loaded late with
+// dlopen() (ctypes, plugins): initial-exec would need room in the static
+// TLS block that such a process may no longer have. The build uses TLS
+// descriptors, which make the access nearly as cheap.
+thread_local ThreadBlocks blocks;
 
 // Every chunk stays listed here for the life of the process, so the memory
 // is never lost to a leak checker even after the thread that carved it ends.

@@ -36,6 +36,7 @@ for name in byte_array_new_empty byte_array_new_on_user_data byte_array_new_clon
             index_writer_new index_writer_add_item index_writer_to_bytes_result \
             index_writer_bytes_result_free index_writer_free \
             index_reader_new_from_directory index_reader_new_from_files index_reader_new_from_bytes \
+            index_reader_new_mapped index_reader_error_free \
             index_reader_free index_reader_search search_results_get_count search_result_item_get \
             search_results_free search_result_item_free \
             index_verifier_check_directory index_verifier_check_bytes index_verifier_message_free \

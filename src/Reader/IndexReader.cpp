@@ -8,8 +8,8 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "Format.h"
 #include "LittleEndian.h"
+#include "Reader/MappedIndex.h"
 #include "Reader/SearchParts.h"
 #include "Utf8.h"
 
@@ -99,28 +99,6 @@ void read_into(FILE* file, ByteArray& bytes) {
     }
 }
 
-// A view of `count` bytes of `blob` from `offset`. A range that does not lie
-// inside the blob, judged without 32-bit wrap-around, stops the process
-// through the blob's own range check, so a damaged index can never make a
-// search read outside its blobs.
-ByteArray view_inside(ByteArray& blob, uint64_t offset, uint64_t count) {
-    if (offset + count > blob.length) {
-        if (blob.length == UINT32_MAX) {
-            std::abort();  // no range past such a blob can even be expressed
-        }
-        blob.create_readonly_view(blob.length, 1);  // fails the range check
-    }
-    return blob.create_readonly_view(static_cast<uint32>(offset), static_cast<uint32>(count));
-}
-
-// The bytes of that view, for reading on the spot without making a record.
-const uint8* bytes_inside(ByteArray& blob, uint64_t offset, uint64_t count) {
-    if (offset + count > blob.length) {
-        view_inside(blob, offset, count);  // stops the process
-    }
-    return blob.data + offset;
-}
-
 }  // namespace
 
 IndexReader::IndexReader() = default;
@@ -156,25 +134,77 @@ Rc<IndexReader> IndexReader::from_directory(string directory) {
     return from_files(table_path, index_path, key_path, data_path);
 }
 
+Rc<IndexReader> IndexReader::from_directory_mapped(const string& directory, string* error) {
+    string why;
+    try {
+        std::shared_ptr<const MappedIndex> mapped = MappedIndex::open(directory, why);
+        if (mapped != nullptr) {
+            Rc<IndexReader> reader(new IndexReader());
+            const MappedIndex::File* files[4] = {&mapped->table, &mapped->index, &mapped->key, &mapped->data};
+            Rc<ByteArray>* blobs[4] = {&reader->table_bytes, &reader->index_bytes, &reader->key_bytes,
+                                       &reader->data_bytes};
+            for (int i = 0; i < 4; ++i) {
+                *blobs[i] = Rc<ByteArray>(new ByteArray(files[i]->data, files[i]->length));
+                (*blobs[i])->is_borrowed = true;
+            }
+            reader->rows = std::shared_ptr<const RowDirectory>(mapped, &mapped->rows);
+            reader->mapping = std::move(mapped);
+            reader->skips_damage = true;
+            return reader;
+        }
+    } catch (const std::bad_alloc&) {
+        why = directory + ": out of memory";
+    }
+    if (error != nullptr) {
+        *error = why;
+    }
+    return Rc<IndexReader>();
+}
+
 void IndexReader::initialize() {
     assert(!this->table_bytes.is_null());
     Rc<ByteArray> table = this->table_bytes;
     this->index_table = Rc<IndexTable>(new IndexTable(table));
-    this->row_records.resize(Format::TABLE_ROW_COUNT);
-    for (uint32 code_point = 0; code_point < Format::TABLE_ROW_COUNT; ++code_point) {
-        this->row_records[code_point] = this->index_table->rows[code_point]->underlying_data->data;
-    }
-    this->row_records_table = this->index_table.get();
+    // The table has parsed, so the walk reaches its last row and fills the
+    // directory; a row of 255 cells or bytes after the last row, which the
+    // parse lets through, make build() say no, and change nothing here.
+    std::shared_ptr<RowDirectory> rows = std::make_shared<RowDirectory>();
+    string ignored;
+    rows->build(table->data, table->length, ignored);
+    this->rows = std::move(rows);
+    this->rows_table = this->index_table.get();
 }
 
-// The record of row `code_point` (< TABLE_ROW_COUNT): a cells count, then
-// the cells. Reached without copying a handle: searches share no counts,
-// so several threads may search one reader.
-const uint8* IndexReader::row_record(uint32 code_point) const {
-    if (this->row_records_table == this->index_table.get()) {
-        return this->row_records[code_point];
+// Row `code_point` (< TABLE_ROW_COUNT), reached without copying a handle:
+// searches share no counts, so several threads may search one reader.
+Records::Row IndexReader::row(uint32 code_point) const {
+    if (this->rows_table == this->index_table.get()) {
+        return this->rows->row(code_point);
     }
-    return this->index_table->rows[code_point]->underlying_data->data;
+    return Records::Row::decode(this->index_table->rows[code_point]->underlying_data->data);
+}
+
+// Whether `count` bytes from `offset` lie inside `blob`, judged without
+// 32-bit wrap-around; see outside() for the answer no.
+bool IndexReader::inside(const ByteArray& blob, uint64_t offset, uint64_t count) const {
+    if (offset + count <= blob.length) {
+        return true;
+    }
+    this->outside(blob);
+    return false;
+}
+
+// A record that does not lie inside `blob`: a mapped reader passes it over;
+// any other stops the process through the blob's own range check, so a
+// damaged index never makes a search read outside its blobs.
+void IndexReader::outside(const ByteArray& blob) const {
+    if (this->skips_damage) {
+        return;
+    }
+    if (blob.length == UINT32_MAX) {
+        std::abort();  // no range past such a blob can even be expressed
+    }
+    blob.borrow(blob.length, 1);  // fails the range check
 }
 
 IndexReader::Keyword IndexReader::prepare(const string& keyword) const {
@@ -203,7 +233,7 @@ int32_t IndexReader::last_position(const Keyword& keyword) const {
         if (code_point >= Format::TABLE_ROW_COUNT) {
             return -1;
         }
-        int32_t cells = this->row_record(code_point)[0];
+        int32_t cells = this->row(code_point).cells_count;
         last = std::min(last, cells - 1 - static_cast<int32_t>(j));
     }
     return last;
@@ -216,11 +246,10 @@ uint32 IndexReader::most_results(const Keyword& keyword, int32_t last, uint16 li
     if (last < 0) {
         return 0;  // perhaps no row at all
     }
-    const uint8* row = this->row_record(keyword.row);
+    Records::Row row = this->row(keyword.row);
     uint64_t entries = 0;
     for (int32_t position = 0; position <= last; ++position) {
-        const uint8* cell = row + Format::ROW_HEADER_SIZE + position * Format::CELL_RECORD_SIZE;
-        entries += LittleEndian::load_u32(cell + 4);
+        entries += row.cell(static_cast<uint32>(position)).count;
     }
     return static_cast<uint32>(std::min<uint64_t>(entries, limit == 0 ? 1 : limit));
 }
@@ -229,15 +258,16 @@ bool IndexReader::find_list(uint32 code_point, uint32 char_position, PostingList
     if (code_point >= Format::TABLE_ROW_COUNT || char_position > Format::MAX_CELLS_PER_ROW) {
         return false;
     }
-    const uint8* row = this->row_record(code_point);
-    if (row[0] <= char_position) {
+    Records::Row row = this->row(code_point);
+    if (row.cells_count <= char_position) {
         return false;
     }
-    const uint8* cell = row + Format::ROW_HEADER_SIZE + char_position * uint32{Format::CELL_RECORD_SIZE};
-    uint32 offset = LittleEndian::load_u32(cell);
-    list.count = LittleEndian::load_u32(cell + 4);
-    ByteArray entries = view_inside(*this->index_bytes, offset, uint64_t{list.count} * Format::POSTING_ENTRY_SIZE);
-    list.entries = entries.data;
+    Records::Cell cell = row.cell(char_position);
+    if (!this->inside(*this->index_bytes, cell.offset, uint64_t{cell.count} * Format::POSTING_ENTRY_SIZE)) {
+        return false;
+    }
+    list.entries = this->index_bytes->data + cell.offset;
+    list.count = cell.count;
     return true;
 }
 
@@ -256,22 +286,21 @@ uint16 IndexReader::search_at(const Keyword& keyword, uint16 limit, std::vector<
     if (!keyword.has_row) {
         return 0;
     }
-    const IndexRow* row = this->index_table->rows[keyword.row].get();
-    if (row->get_cells_count() <= char_position) {
+    Records::Row row = this->row(keyword.row);
+    if (row.cells_count <= char_position) {
         return 0;
     }
-    const uint8* cell = row->underlying_data->data + Format::ROW_HEADER_SIZE +
-                        char_position * uint32{Format::CELL_RECORD_SIZE};
-    uint32 list_offset = LittleEndian::load_u32(cell);
-    uint32 list_count = LittleEndian::load_u32(cell + 4);
+    Records::Cell cell = row.cell(char_position);
     uint16 found = 0;
-    for (uint32 i = 0; i < list_count; ++i) {
+    for (uint32 i = 0; i < cell.count; ++i) {
         ++visited_count;
-        ByteArray entry_bytes = view_inside(*this->index_bytes, uint64_t{list_offset} + uint64_t{4} * i, 4);
-        uint32 entry = LittleEndian::load_u32(entry_bytes.data);
+        uint64_t at = uint64_t{cell.offset} + uint64_t{Format::POSTING_ENTRY_SIZE} * i;
+        if (!this->inside(*this->index_bytes, at, Format::POSTING_ENTRY_SIZE)) {
+            break;
+        }
+        uint32 entry = LittleEndian::load_u32(this->index_bytes->data + at);
         Match match;
-        if (this->match_key(keyword, entry, char_position, match)) {
-            this->append_result(match, results);
+        if (this->match_key(keyword, entry, char_position, match) && this->append_result(match, results)) {
             ++found;
             if (found >= limit) {
                 break;
@@ -358,9 +387,8 @@ private:
             if (m + FETCH_AHEAD < this->matched) {
                 fetch_early(values, this->matches[m + FETCH_AHEAD].data_pointer);
             }
-            this->reader.append_result(this->matches[m], this->results);
+            this->found += this->reader.append_result(this->matches[m], this->results);
         }
-        this->found += this->matched;
         this->matched = 0;
     }
 
@@ -545,13 +573,16 @@ uint16 IndexReader::search_intersecting(const Keyword& keyword, uint16 limit, st
 bool IndexReader::match_key(const Keyword& keyword, uint32 entry, uint8 char_position, Match& match) const {
     const uint8* wanted = reinterpret_cast<const uint8*>(keyword.text.data());
     uint32 wanted_length = static_cast<uint32>(keyword.text.size());
-    const uint8* header = bytes_inside(*this->key_bytes, entry, Format::KEY_RECORD_HEADER_SIZE);
-    uint8 key_length = header[Format::KEY_DATA_POINTER_SIZE];
-    const uint8* record = bytes_inside(*this->key_bytes, entry, Format::KEY_RECORD_HEADER_SIZE + key_length);
+    Records::Key key;
+    if (!Records::decode_from(*this->key_bytes, entry, key)) {
+        this->outside(*this->key_bytes);
+        return false;
+    }
+    uint8 key_length = key.length;
     if (static_cast<uint32>(key_length - char_position) < wanted_length) {
         return false;
     }
-    const uint8* text = record + Format::KEY_RECORD_HEADER_SIZE;
+    const uint8* text = key.text;
 
     uint32 start = Utf8::char_byte_offset(text, key_length, char_position);
     // The first byte on the spot: most candidates differ there, and many
@@ -563,21 +594,24 @@ bool IndexReader::match_key(const Keyword& keyword, uint32 entry, uint8 char_pos
         return false;
     }
     match.entry = entry;
-    match.data_pointer = LittleEndian::load_u32(record);
+    match.data_pointer = key.data_pointer;
     match.key_length = key_length;
     return true;
 }
 
-// Appends the matched key with its value; the value record must lie inside
-// data.bin.
-void IndexReader::append_result(const Match& match, std::vector<Rc<SearchResult>>* results) const {
-    uint16 value_length =
-        LittleEndian::load_u16(bytes_inside(*this->data_bytes, match.data_pointer, Format::VALUE_RECORD_HEADER_SIZE));
-    bytes_inside(*this->data_bytes, uint64_t{match.data_pointer} + Format::VALUE_RECORD_HEADER_SIZE, value_length);
-    Rc<ByteArray> value =
-        this->data_bytes->borrow(match.data_pointer + Format::VALUE_RECORD_HEADER_SIZE, value_length);
+// Appends the matched key with its value, if the value record lies inside
+// data.bin (see outside() for when it does not).
+bool IndexReader::append_result(const Match& match, std::vector<Rc<SearchResult>>* results) const {
+    Records::Value value;
+    if (!Records::decode_from(*this->data_bytes, match.data_pointer, value)) {
+        this->outside(*this->data_bytes);
+        return false;
+    }
+    Rc<ByteArray> value_view =
+        this->data_bytes->borrow(match.data_pointer + Format::VALUE_RECORD_HEADER_SIZE, value.length);
     Rc<ByteArray> key = this->key_bytes->borrow(match.entry + Format::KEY_RECORD_HEADER_SIZE, match.key_length);
-    results->push_back(make_rc<SearchResult>(std::move(key), std::move(value)));
+    results->push_back(make_rc<SearchResult>(std::move(key), std::move(value_view)));
+    return true;
 }
 
 }  // namespace Lexarium::Reader

@@ -3,17 +3,21 @@
 
 #include <codecvt>
 #include <locale>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "IndexTable.h"
+#include "Records.h"
 #include "Reader/SearchResult.h"
 #include "Reader/Utf8Characters.h"
 #include "TypeDefinitions.h"
 
 namespace Lexarium::Reader {
 
-struct PostingList;  // internal to the reader
+struct PostingList;   // internal to the reader
+struct RowDirectory;  // internal to the reader
+struct MappedIndex;   // internal to the reader
 
 // Reads a whole file into one new owning array. A path that does not exist
 // stops the process with "std::filesystem::exists(file_path)"; a size that
@@ -68,6 +72,37 @@ public:
     // file system accepts).
     static Rc<IndexReader> from_directory(std::string directory);
 
+    // A reader over the four files of `directory`, mapped read-only rather
+    // than read: opening costs one walk over table.bin, and the pages of the
+    // other three files are read from the page cache as searches touch
+    // them, shared with every other reader of the same files (readers of one
+    // unchanged index in one process share a single mapping). The mapping
+    // lives as long as the reader, and results stay valid while it lives.
+    //
+    // Never aborts and never throws. On failure it returns an empty Rc and,
+    // when `error` is not null, stores a message that names the file and
+    // the problem: an empty path, a missing or unreadable file, a directory
+    // or FIFO in a file's place, a file of 4 GiB or more, a table.bin that
+    // is not exactly 65535 rows of at most 254 cells, an index.bin shorter
+    // than its sentinel, or no memory.
+    //
+    // Open checks only the table; every other record is checked where a
+    // search uses it (a posting list against index.bin, a key record
+    // against key.bin, a value record against data.bin), and one that does
+    // not lie inside its file is passed over rather than stopping the
+    // process. So whatever the files hold, a search on such a reader never
+    // aborts, never reads outside the files and ends; on a sound index it
+    // returns exactly what a reader made by from_directory returns. Use
+    // IndexVerifier to learn whether files are sound.
+    //
+    // Indexes are immutable: replace one by writing a new directory and
+    // renaming it into place (as the quorvex tool does); open readers keep
+    // the old files. A file truncated in place while mapped makes the
+    // process receive SIGBUS when a search reads a page past its new end,
+    // and a file changed in place gives wrong answers. Such a reader has no
+    // `index_table` (it stays empty); its rows are reached directly.
+    static Rc<IndexReader> from_directory_mapped(const std::string& directory, std::string* error);
+
     // Parses `table_bytes` into `index_table`, replacing an earlier parse.
     void initialize();
 
@@ -103,8 +138,13 @@ private:
     // Where each row record starts, so that a search reaches a cell in one
     // step rather than through three handles; made by initialize() from
     // `index_table` and used only while `index_table` is still that table.
-    std::vector<const uint8*> row_records;
-    const IndexTable* row_records_table = nullptr;
+    std::shared_ptr<const RowDirectory> rows;
+    const IndexTable* rows_table = nullptr;
+    // A mapped reader's files; its blobs are views of them. Such a reader
+    // passes over a record that lies outside its blob instead of stopping
+    // the process.
+    std::shared_ptr<const MappedIndex> mapping;
+    bool skips_damage = false;
 
     struct Keyword;
     struct Match;
@@ -112,7 +152,9 @@ private:
     class Collector;
 
     Keyword prepare(const std::string& keyword) const;
-    const uint8* row_record(uint32 code_point) const;
+    Records::Row row(uint32 code_point) const;
+    bool inside(const ByteArray& blob, uint64_t offset, uint64_t count) const;
+    void outside(const ByteArray& blob) const;
     int32_t last_position(const Keyword& keyword) const;
     uint32 most_results(const Keyword& keyword, int32_t last, uint16 limit) const;
     bool find_list(uint32 code_point, uint32 char_position, PostingList& list) const;
@@ -123,7 +165,7 @@ private:
     uint16 search_intersecting(const Keyword& keyword, uint16 limit, std::vector<Rc<SearchResult>>* results,
                                uint8 char_position, Scratch& scratch) const;
     bool match_key(const Keyword& keyword, uint32 entry, uint8 char_position, Match& match) const;
-    void append_result(const Match& match, std::vector<Rc<SearchResult>>* results) const;
+    bool append_result(const Match& match, std::vector<Rc<SearchResult>>* results) const;
 };
 
 }  // namespace Lexarium::Reader

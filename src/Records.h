@@ -1,0 +1,142 @@
+#ifndef QUORVEX_RECORDS_H
+#define QUORVEX_RECORDS_H
+
+#include "Format.h"
+#include "LittleEndian.h"
+#include "TypeDefinitions.h"
+
+// The one decoder of each record of the four blobs (docs/FORMAT.md gives
+// the layouts). Every record has two forms:
+// - decode_from(blob, length, offset, &record): bounds-checked. Reads
+//   nothing outside [blob, blob + length), never aborts, and returns false
+//   when the record does not lie wholly inside the blob. Offsets are taken
+//   as 64-bit, so no sum wraps around.
+// - decode(bytes): unchecked, for the search's hot path, where the caller
+//   has already shown that the record lies inside its blob.
+// A decoded record points into the blob; it copies nothing and lives as
+// long as the blob's bytes do. What the records mean beyond their bounds
+// (entries that ascend, data pointers that match the value records) is the
+// verifier's business, not the decoder's.
+namespace Lexarium::Records {
+
+// A cell record of table.bin: a posting list in index.bin.
+struct Cell {
+    uint32 offset;  // byte offset of the first entry in index.bin
+    uint32 count;   // number of 4-byte entries
+
+    static Cell decode(const uint8* bytes) {
+        return Cell{LittleEndian::load_u32(bytes), LittleEndian::load_u32(bytes + 4)};
+    }
+
+    // The entries as bytes of index.bin (`index_length` bytes), or nullptr
+    // when the list does not lie inside it. An empty list gives a non-null
+    // pointer at the sentinel when the blob has one.
+    const uint8* entries_in(const uint8* index, uint64_t index_length) const {
+        uint64_t end = uint64_t{this->offset} + uint64_t{this->count} * Format::POSTING_ENTRY_SIZE;
+        return end <= index_length ? index + this->offset : nullptr;
+    }
+};
+
+// A row record of table.bin: a cells count, then that many cell records.
+struct Row {
+    const uint8* cells;  // the first cell record
+    uint8 cells_count;
+
+    uint64_t size() const { return Format::ROW_HEADER_SIZE + uint64_t{this->cells_count} * Format::CELL_RECORD_SIZE; }
+
+    // Cell `position`, which must be below `cells_count`.
+    Cell cell(uint32 position) const {
+        return Cell::decode(this->cells + uint64_t{position} * Format::CELL_RECORD_SIZE);
+    }
+
+    static Row decode(const uint8* bytes) { return Row{bytes + Format::ROW_HEADER_SIZE, bytes[0]}; }
+
+    static bool decode_from(const uint8* blob, uint64_t length, uint64_t offset, Row& row) {
+        if (offset >= length) {
+            return false;
+        }
+        row = decode(blob + offset);
+        return row.size() <= length - offset;
+    }
+};
+
+// A key record of key.bin: a data pointer, a length byte, the key's bytes.
+struct Key {
+    uint32 data_pointer;  // offset of the value record in data.bin
+    uint8 length;         // of the key text, in bytes
+    const uint8* text;
+
+    uint64_t size() const { return Format::KEY_RECORD_HEADER_SIZE + uint64_t{this->length}; }
+
+    static Key decode(const uint8* bytes) {
+        return Key{LittleEndian::load_u32(bytes), bytes[Format::KEY_DATA_POINTER_SIZE],
+                   bytes + Format::KEY_RECORD_HEADER_SIZE};
+    }
+
+    static bool decode_from(const uint8* blob, uint64_t length, uint64_t offset, Key& key) {
+        if (offset > length || length - offset < Format::KEY_RECORD_HEADER_SIZE) {
+            return false;
+        }
+        key = decode(blob + offset);
+        return key.size() <= length - offset;
+    }
+};
+
+// A value record of data.bin: a 2-byte length, then the value's bytes.
+struct Value {
+    uint16 length;
+    const uint8* bytes;
+
+    uint64_t size() const { return Format::VALUE_RECORD_HEADER_SIZE + uint64_t{this->length}; }
+
+    static Value decode(const uint8* record) {
+        return Value{LittleEndian::load_u16(record), record + Format::VALUE_RECORD_HEADER_SIZE};
+    }
+
+    static bool decode_from(const uint8* blob, uint64_t length, uint64_t offset, Value& value) {
+        if (offset > length || length - offset < Format::VALUE_RECORD_HEADER_SIZE) {
+            return false;
+        }
+        value = decode(blob + offset);
+        return value.size() <= length - offset;
+    }
+};
+
+// The same checked decoders over a ByteArray.
+template <typename Record>
+bool decode_from(const ByteArray& blob, uint64_t offset, Record& record) {
+    return Record::decode_from(blob.data, blob.length, offset, record);
+}
+
+// Walks the 65535 row records of a table blob, calling `visit(code_point,
+// row, offset)` for each. Returns the offset just past the last row, or
+// nothing (false) when the blob ends before it: `stopped_at` then says where
+// the first row that does not fit begins, and `stopped_row` which row it is.
+struct TableWalk {
+    uint64_t end = 0;
+    uint32 stopped_row = 0;
+    bool complete = false;
+};
+
+template <typename Visit>
+TableWalk walk_table(const uint8* blob, uint64_t length, Visit&& visit) {
+    TableWalk walk;
+    uint64_t offset = 0;
+    for (uint32 code_point = 0; code_point < Format::TABLE_ROW_COUNT; ++code_point) {
+        Row row;
+        if (!Row::decode_from(blob, length, offset, row)) {
+            walk.end = offset;
+            walk.stopped_row = code_point;
+            return walk;
+        }
+        visit(code_point, row, offset);
+        offset += row.size();
+    }
+    walk.end = offset;
+    walk.complete = true;
+    return walk;
+}
+
+}  // namespace Lexarium::Records
+
+#endif
