@@ -646,12 +646,19 @@ TEST(CliIndex, UnreadableIndexesExitWithOneNamingTheFile) {
     cases.emplace_back(dir / "empty-table", "table.bin");
     for (const auto& set : DAMAGED_SETS) cases.emplace_back(DATA + "/" + set.first, set.second);
 
+    // info reads table.bin and key.bin whole but neither the entries of
+    // index.bin nor the values of data.bin: it describes these two.
+    const std::set<std::string> info_passes = {DATA + "/key-record-past-key-blob", DATA + "/value-length-past-data-blob"};
     for (const auto& c : cases) {
         const std::string named = c.second.empty() ? c.first : c.first + "/" + c.second;
         for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
                  {"search", c.first, "b"}, {"info", c.first}, {"verify", c.first}, {"verify", "--deep", c.first}}) {
             SCOPED_TRACE(shown(args));
-            EXPECT_TRUE(refused(run(args), 1, named, args[0] == "verify"));
+            if (args[0] == "info" && info_passes.count(c.first) != 0) {
+                EXPECT_TRUE(exited(run(args), 0));
+            } else {
+                EXPECT_TRUE(refused(run(args), 1, named, args[0] == "verify"));
+            }
         }
     }
 }
@@ -686,9 +693,7 @@ TEST(CliInfo, FiguresMatchTheFilesAndTheKeys) {
     build_ok(CLI_DATA + "/words.tsv", dir / "index");
     info = info_json(dir / "index");
     size_t characters = 0;
-    for (const auto& item : WORD_ITEMS) {
-        for (char c : item.first) characters += (static_cast<unsigned char>(c) & 0xC0) != 0x80;
-    }
+    for (const auto& item : WORD_ITEMS) characters += Lexarium::Utf8::character_count(item.first.data(), item.first.size());
     EXPECT_EQ(info.value("posting_entries", uint64_t{0}), characters);
     EXPECT_EQ(fs::file_size(dir / "index/index.bin"), 4 + 4 * characters);
     EXPECT_LT(info.value("cells_in_use", characters), info.value("cells", uint64_t{0}));

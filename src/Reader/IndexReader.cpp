@@ -184,21 +184,33 @@ Records::Row IndexReader::row(uint32 code_point) const {
     return Records::Row::decode(this->index_table->rows[code_point]->underlying_data->data);
 }
 
-// Whether `count` bytes from `offset` lie inside `blob`, judged without
-// 32-bit wrap-around; see outside() for the answer no.
-bool IndexReader::inside(const ByteArray& blob, uint64_t offset, uint64_t count) const {
-    if (offset + count <= blob.length) {
+IndexReader::Damage IndexReader::damage_passed_over() const {
+    Damage damage;
+    damage.table = this->passed_over[TABLE].load(std::memory_order_relaxed);
+    damage.index = this->passed_over[INDEX].load(std::memory_order_relaxed);
+    damage.key = this->passed_over[KEY].load(std::memory_order_relaxed);
+    damage.data = this->passed_over[DATA].load(std::memory_order_relaxed);
+    return damage;
+}
+
+// Whether the posting list or entry of `count` bytes from `offset` lies
+// inside index.bin, judged without 32-bit wrap-around; see outside() for
+// the answer no.
+bool IndexReader::inside_index(uint64_t offset, uint64_t count) const {
+    if (offset + count <= this->index_bytes->length) {
         return true;
     }
-    this->outside(blob);
+    this->outside(*this->index_bytes, TABLE);
     return false;
 }
 
-// A record that does not lie inside `blob`: a mapped reader passes it over;
-// any other stops the process through the blob's own range check, so a
-// damaged index never makes a search read outside its blobs.
-void IndexReader::outside(const ByteArray& blob) const {
+// A record that does not lie inside `blob`: a mapped reader passes it over
+// and counts it against the file `at_fault`; any other stops the process
+// through the blob's own range check, so a damaged index never makes a
+// search read outside its blobs.
+void IndexReader::outside(const ByteArray& blob, Blob at_fault) const {
     if (this->skips_damage) {
+        this->passed_over[at_fault].fetch_add(1, std::memory_order_relaxed);
         return;
     }
     if (blob.length == UINT32_MAX) {
@@ -263,7 +275,7 @@ bool IndexReader::find_list(uint32 code_point, uint32 char_position, PostingList
         return false;
     }
     Records::Cell cell = row.cell(char_position);
-    if (!this->inside(*this->index_bytes, cell.offset, uint64_t{cell.count} * Format::POSTING_ENTRY_SIZE)) {
+    if (!this->inside_index(cell.offset, uint64_t{cell.count} * Format::POSTING_ENTRY_SIZE)) {
         return false;
     }
     list.entries = this->index_bytes->data + cell.offset;
@@ -295,7 +307,7 @@ uint16 IndexReader::search_at(const Keyword& keyword, uint16 limit, std::vector<
     for (uint32 i = 0; i < cell.count; ++i) {
         ++visited_count;
         uint64_t at = uint64_t{cell.offset} + uint64_t{Format::POSTING_ENTRY_SIZE} * i;
-        if (!this->inside(*this->index_bytes, at, Format::POSTING_ENTRY_SIZE)) {
+        if (!this->inside_index(at, Format::POSTING_ENTRY_SIZE)) {
             break;
         }
         uint32 entry = LittleEndian::load_u32(this->index_bytes->data + at);
@@ -575,7 +587,10 @@ bool IndexReader::match_key(const Keyword& keyword, uint32 entry, uint8 char_pos
     uint32 wanted_length = static_cast<uint32>(keyword.text.size());
     Records::Key key;
     if (!Records::decode_from(*this->key_bytes, entry, key)) {
-        this->outside(*this->key_bytes);
+        // A record that starts inside key.bin runs past its end; one that
+        // does not was pointed at wrongly.
+        bool starts_inside = uint64_t{entry} + Format::KEY_RECORD_HEADER_SIZE <= this->key_bytes->length;
+        this->outside(*this->key_bytes, starts_inside ? KEY : INDEX);
         return false;
     }
     uint8 key_length = key.length;
@@ -604,7 +619,9 @@ bool IndexReader::match_key(const Keyword& keyword, uint32 entry, uint8 char_pos
 bool IndexReader::append_result(const Match& match, std::vector<Rc<SearchResult>>* results) const {
     Records::Value value;
     if (!Records::decode_from(*this->data_bytes, match.data_pointer, value)) {
-        this->outside(*this->data_bytes);
+        bool starts_inside =
+            uint64_t{match.data_pointer} + Format::VALUE_RECORD_HEADER_SIZE <= this->data_bytes->length;
+        this->outside(*this->data_bytes, starts_inside ? DATA : KEY);
         return false;
     }
     Rc<ByteArray> value_view =

@@ -1,6 +1,7 @@
 #ifndef QUORVEX_READER_INDEX_READER_H
 #define QUORVEX_READER_INDEX_READER_H
 
+#include <atomic>
 #include <codecvt>
 #include <locale>
 #include <memory>
@@ -103,6 +104,19 @@ public:
     // `index_table` (it stays empty); its rows are reached directly.
     static Rc<IndexReader> from_directory_mapped(const std::string& directory, std::string* error);
 
+    // How many records the searches of a mapped reader have passed over
+    // because they do not lie inside their file, over the reader's life and
+    // all threads, by the file at fault: a cell whose posting list runs past
+    // index.bin counts for table.bin; an entry that points past key.bin for
+    // index.bin; a key record that runs past key.bin or points past data.bin
+    // for key.bin; a value record that runs past data.bin for data.bin. All
+    // zero on a sound index, and always for other readers, which stop the
+    // process instead.
+    struct Damage {
+        uint64_t table = 0, index = 0, key = 0, data = 0;
+    };
+    Damage damage_passed_over() const;
+
     // Parses `table_bytes` into `index_table`, replacing an earlier parse.
     void initialize();
 
@@ -145,6 +159,8 @@ private:
     // the process.
     std::shared_ptr<const MappedIndex> mapping;
     bool skips_damage = false;
+    enum Blob { TABLE, INDEX, KEY, DATA };
+    mutable std::atomic<uint64_t> passed_over[4] = {};
 
     struct Keyword;
     struct Match;
@@ -153,8 +169,8 @@ private:
 
     Keyword prepare(const std::string& keyword) const;
     Records::Row row(uint32 code_point) const;
-    bool inside(const ByteArray& blob, uint64_t offset, uint64_t count) const;
-    void outside(const ByteArray& blob) const;
+    bool inside_index(uint64_t offset, uint64_t count) const;
+    void outside(const ByteArray& blob, Blob at_fault) const;
     int32_t last_position(const Keyword& keyword) const;
     uint32 most_results(const Keyword& keyword, int32_t last, uint16 limit) const;
     bool find_list(uint32 code_point, uint32 char_position, PostingList& list) const;

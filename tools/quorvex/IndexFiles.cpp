@@ -40,7 +40,9 @@ Rc<ByteArray> read_blob(const std::string& path) {
 
 }  // namespace
 
-IndexFiles read_index_files(const std::string& directory) {
+namespace {
+
+void check_is_directory(const std::string& directory) {
     struct stat status;
     if (::stat(directory.c_str(), &status) != 0) {
         throw ToolError(EXIT_DATA, directory + ": " + std::strerror(errno));
@@ -48,6 +50,38 @@ IndexFiles read_index_files(const std::string& directory) {
     if (!S_ISDIR(status.st_mode)) {
         throw ToolError(EXIT_DATA, directory + ": not a directory; expected an index directory");
     }
+}
+
+}  // namespace
+
+Rc<Lexarium::Reader::IndexReader> open_index(const std::string& directory) {
+    check_is_directory(directory);
+    std::string error;
+    Rc<Lexarium::Reader::IndexReader> reader = Lexarium::Reader::IndexReader::from_directory_mapped(directory, &error);
+    if (reader.is_null()) {
+        throw ToolError(EXIT_DATA, error + " (run quorvex verify " + directory + " for a full report)");
+    }
+    return reader;
+}
+
+void check_damage(const Lexarium::Reader::IndexReader& reader, const std::string& directory) {
+    Lexarium::Reader::IndexReader::Damage damage = reader.damage_passed_over();
+    const std::pair<uint64_t, const char*> files[] = {
+        {damage.table, "table.bin: a posting list runs past index.bin"},
+        {damage.index, "index.bin: a posting entry points past key.bin"},
+        {damage.key, "key.bin: a key record runs past key.bin or points past data.bin"},
+        {damage.data, "data.bin: a value record runs past data.bin"}};
+    for (const auto& file : files) {
+        if (file.first > 0) {
+            throw ToolError(EXIT_DATA, directory + "/" + file.second + " (" + std::to_string(file.first) +
+                                           " record(s) passed over; the index is damaged: run quorvex verify " +
+                                           directory + ")");
+        }
+    }
+}
+
+IndexFiles read_index_files(const std::string& directory) {
+    check_is_directory(directory);
     IndexFiles files;
     files.directory = directory;
     files.table = read_blob(directory + "/table.bin");
@@ -55,33 +89,6 @@ IndexFiles read_index_files(const std::string& directory) {
     files.key = read_blob(directory + "/key.bin");
     files.data = read_blob(directory + "/data.bin");
     return files;
-}
-
-IndexFiles load_checked_index(const std::string& directory, bool deep) {
-    IndexFiles files = read_index_files(directory);
-    files.verification = Lexarium::IndexVerifier::verify(*files.table, *files.index, *files.key, *files.data, deep);
-    if (!files.verification.is_sound()) {
-        throw ToolError(EXIT_DATA, directory + ": the index is damaged (" +
-                                       std::to_string(files.verification.problem_count) + " problems; run quorvex verify " +
-                                       directory + " for all of them)\n" + describe_problems(files, 3));
-    }
-    return files;
-}
-
-std::string describe_problems(const IndexFiles& files, size_t limit) {
-    std::string text;
-    size_t shown = 0;
-    for (const Lexarium::IndexProblem& problem : files.verification.problems) {
-        if (shown++ == limit) {
-            break;
-        }
-        if (!text.empty()) {
-            text += '\n';
-        }
-        text += files.directory + "/" + problem.blob + ": offset " + std::to_string(problem.offset) + ": " +
-                problem.message;
-    }
-    return text;
 }
 
 }  // namespace quorvex_tool

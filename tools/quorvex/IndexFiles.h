@@ -5,6 +5,7 @@
 #include <string>
 
 #include <IndexVerifier.h>
+#include <Reader/IndexReader.h>
 #include <TypeDefinitions.h>
 
 namespace quorvex_tool {
@@ -35,13 +36,15 @@ struct IndexFiles {
 // that cannot be read, is a ToolError (EXIT_DATA) naming it.
 IndexFiles read_index_files(const std::string& directory);
 
-// read_index_files, then the verifier's checks (`deep` or not). A damaged
-// index is a ToolError (EXIT_DATA) listing the first problems, so nothing
-// that could stop a reader is ever handed to one.
-IndexFiles load_checked_index(const std::string& directory, bool deep = false);
+// A mapped reader over the index in `directory`, with the reader's checks
+// (table.bin whole, every other record where a search reaches it). A
+// missing directory or file, or one the reader refuses, is a ToolError
+// (EXIT_DATA) naming it. Nothing is read whole and nothing can abort.
+Rc<Lexarium::Reader::IndexReader> open_index(const std::string& directory);
 
-// "DIR/table.bin: offset 12: ..." for each kept problem, one per line.
-std::string describe_problems(const IndexFiles& files, size_t limit);
+// The records `reader`'s searches passed over as damaged, as a ToolError
+// (EXIT_DATA) naming the file at fault; nothing when there were none.
+void check_damage(const Lexarium::Reader::IndexReader& reader, const std::string& directory);
 
 }  // namespace quorvex_tool
 

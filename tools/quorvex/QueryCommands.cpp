@@ -2,13 +2,13 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <IndexKey.h>
-#include <IndexTable.h>
 #include <Reader/IndexReader.h>
+#include <Records.h>
 #include <nlohmann/json.hpp>
 
 #include "Commands.h"
@@ -73,15 +73,16 @@ const std::pair<uint32_t, const char*> LENGTH_BUCKETS[] = {
 int run_search(const SearchOptions& options) {
     check_keyword(options.keyword);
     Clock::time_point load_start = Clock::now();
-    IndexFiles files = load_checked_index(options.directory);
-    Rc<Lexarium::Reader::IndexReader> reader =
-        Lexarium::Reader::IndexReader::from_bytes(files.table, files.index, files.key, files.data);
+    Rc<Lexarium::Reader::IndexReader> reader = open_index(options.directory);
     double load_ms = milliseconds_since(load_start);
 
     Clock::time_point search_start = Clock::now();
     Rc<std::vector<Rc<Lexarium::Reader::SearchResult>>> results =
         reader->search(options.keyword, static_cast<uint16>(options.limit));
     double search_ms = milliseconds_since(search_start);
+    // Results that skipped a damaged record would be incomplete: none rather
+    // than some.
+    check_damage(*reader, options.directory);
 
     bool terminal = is_terminal(STDOUT_FILENO);
     size_t columns = terminal ? terminal_columns() : 0;
@@ -107,16 +108,33 @@ int run_search(const SearchOptions& options) {
         }
     }
     if (options.stats) {
-        std::fprintf(stderr, "quorvex: %zu hit(s) for \"%s\" in %.3f ms (index read and checked in %.1f ms)\n",
+        std::fprintf(stderr, "quorvex: %zu hit(s) for \"%s\" in %.3f ms (index opened in %.1f ms)\n",
                      results->size(), options.keyword.c_str(), search_ms, load_ms);
     }
     return EXIT_OK;
 }
 
-int run_info(const InfoOptions& options) {
-    IndexFiles files = load_checked_index(options.directory);
-    std::unique_ptr<Lexarium::IndexTable> table(new Lexarium::IndexTable(files.table));
+// The bytes of `text` that are not UTF-8 continuation bytes (10xxxxxx),
+// eight at a time: info counts them for every key of the index.
+uint32_t character_count(const uint8_t* text, uint32_t length) {
+    uint32_t continuations = 0;
+    uint32_t i = 0;
+    for (; i + 8 <= length; i += 8) {
+        uint64_t bytes;
+        std::memcpy(&bytes, text + i, 8);
+        uint64_t marks = (bytes & ~(bytes << 1) & 0x8080808080808080ULL) >> 7;  // one bit per continuation byte
+        continuations += static_cast<uint32_t>((marks * 0x0101010101010101ULL) >> 56);
+    }
+    for (; i < length; ++i) {
+        continuations += (text[i] & 0xC0) == 0x80;
+    }
+    return length - continuations;
+}
 
+// The figures of `quorvex info`, gathered through the record decoders with
+// every record checked: a damaged record is an error naming its file.
+struct IndexFigures {
+    uint64_t items = 0;
     uint64_t rows_in_use = 0;
     uint64_t cells = 0;
     uint64_t cells_in_use = 0;
@@ -124,43 +142,92 @@ int run_info(const InfoOptions& options) {
     uint32_t longest = 0;
     uint32_t longest_row = 0;
     uint32_t longest_position = 0;
-    for (uint32_t code_point = 0; code_point < Lexarium::Format::TABLE_ROW_COUNT; ++code_point) {
-        Rc<Lexarium::IndexRow> row = (*table)[code_point];
+    std::map<uint32_t, uint64_t> lengths;  // bucket upper bound -> keys
+    uint64_t keys_by_length[256] = {};     // stored characters -> keys
+};
+
+// Cells of every row; each list must lie inside index.bin.
+void count_cells(const Lexarium::Reader::IndexReader& reader, const std::string& directory, IndexFigures& figures) {
+    const ByteArray& table = *reader.table_bytes;
+    uint64_t index_length = reader.index_bytes->length;
+    Lexarium::Records::walk_table(table.data, table.length, [&](uint32_t code_point, Lexarium::Records::Row row,
+                                                                uint64_t offset) {
         bool used = false;
-        for (uint32_t position = 0; position < row->get_cells_count(); ++position) {
-            Rc<Lexarium::IndexCell> cell = row->get_cell_at_index(static_cast<uint8>(position));
-            uint32_t count = cell->get_count();
-            ++cells;
-            entries += count;
-            if (count > 0) {
-                ++cells_in_use;
+        for (uint32_t position = 0; position < row.cells_count; ++position) {
+            Lexarium::Records::Cell cell = row.cell(position);
+            if (cell.entries_in(reader.index_bytes->data, index_length) == nullptr) {
+                throw ToolError(EXIT_DATA, directory + "/table.bin: offset " + std::to_string(offset) + ": row " +
+                                               std::to_string(code_point) + " cell " + std::to_string(position) +
+                                               " lists entries past the end of index.bin (run quorvex verify " +
+                                               directory + ")");
+            }
+            ++figures.cells;
+            figures.entries += cell.count;
+            if (cell.count > 0) {
+                ++figures.cells_in_use;
                 used = true;
             }
-            if (count > longest) {
-                longest = count;
-                longest_row = code_point;
-                longest_position = position;
+            if (cell.count > figures.longest) {
+                figures.longest = cell.count;
+                figures.longest_row = code_point;
+                figures.longest_position = position;
             }
         }
-        rows_in_use += used;
-    }
+        figures.rows_in_use += used;
+    });
+}
 
-    std::map<uint32_t, uint64_t> lengths;  // bucket upper bound -> keys
-    uint64_t shortened = 0;
-    uint32_t offset = 0;
-    while (offset < files.key->length) {
-        Lexarium::IndexKey key(files.key->borrow(offset, Lexarium::Format::KEY_RECORD_HEADER_SIZE + files.key->data[offset + 4]));
-        std::string text = text_of(key.get_key());
-        uint32_t characters = static_cast<uint32_t>(character_count(text));
+// Key records, which must tile key.bin and point at value records that
+// start inside data.bin, in ascending order.
+void count_keys(const Lexarium::Reader::IndexReader& reader, const std::string& directory, IndexFigures& figures) {
+    const ByteArray& keys = *reader.key_bytes;
+    uint64_t data_length = reader.data_bytes->length;
+    uint64_t offset = 0;
+    uint64_t previous_pointer = 0;
+    uint64_t items = 0;
+    while (offset < keys.length) {
+        Lexarium::Records::Key key;
+        const char* problem = nullptr;
+        if (!Lexarium::Records::decode_from(keys, offset, key)) {
+            problem = "key record runs past the end of key.bin";
+        } else if (uint64_t{key.data_pointer} + Lexarium::Format::VALUE_RECORD_HEADER_SIZE > data_length ||
+                   (items > 0 && key.data_pointer <= previous_pointer)) {
+            problem = "data pointer is not the start of the next value record in data.bin";
+        }
+        if (problem != nullptr) {
+            throw ToolError(EXIT_DATA, directory + "/key.bin: offset " + std::to_string(offset) + ": " + problem +
+                                           " (run quorvex verify " + directory + ")");
+        }
+        uint32_t characters = character_count(key.text, key.length);
+        ++figures.keys_by_length[characters];
+        previous_pointer = key.data_pointer;
+        ++items;
+        offset += key.size();
+    }
+    figures.items = items;
+    for (uint32_t characters = 0; characters < 256; ++characters) {
         for (const auto& bucket : LENGTH_BUCKETS) {
             if (characters <= bucket.first) {
-                ++lengths[bucket.first];
+                figures.lengths[bucket.first] += figures.keys_by_length[characters];
                 break;
             }
         }
-        shortened += text.size() > 250;
-        offset += key.get_bytes_count();
     }
+}
+
+int run_info(const InfoOptions& options) {
+    Rc<Lexarium::Reader::IndexReader> reader = open_index(options.directory);
+    IndexFigures figures;
+    count_cells(*reader, options.directory, figures);
+    count_keys(*reader, options.directory, figures);
+    uint64_t rows_in_use = figures.rows_in_use;
+    uint64_t cells = figures.cells;
+    uint64_t cells_in_use = figures.cells_in_use;
+    uint64_t entries = figures.entries;
+    uint32_t longest = figures.longest;
+    uint32_t longest_row = figures.longest_row;
+    uint32_t longest_position = figures.longest_position;
+    std::map<uint32_t, uint64_t>& lengths = figures.lengths;
 
     // The row's character, when it is one a terminal can show.
     std::string longest_character = longest_row >= 0x20 ? encode_utf8(longest_row) : "";
@@ -168,11 +235,12 @@ int run_info(const InfoOptions& options) {
         longest_character.clear();
     }
 
-    uint64_t sizes[] = {files.table->length, files.index->length, files.key->length, files.data->length};
+    uint64_t sizes[] = {reader->table_bytes->length, reader->index_bytes->length, reader->key_bytes->length,
+                        reader->data_bytes->length};
     const char* names[] = {"table.bin", "index.bin", "key.bin", "data.bin"};
     if (options.json) {
         nlohmann::json out;
-        out["items"] = files.verification.items;
+        out["items"] = figures.items;
         for (int i = 0; i < 4; ++i) {
             out["files"][names[i]] = sizes[i];
         }
@@ -193,7 +261,7 @@ int run_info(const InfoOptions& options) {
         return EXIT_OK;
     }
     std::printf("index      %s\n", options.directory.c_str());
-    std::printf("items      %s\n", with_thousands(files.verification.items).c_str());
+    std::printf("items      %s\n", with_thousands(figures.items).c_str());
     for (int i = 0; i < 4; ++i) {
         std::printf("%-10s %s (%s bytes)\n", names[i], human_bytes(sizes[i]).c_str(), with_thousands(sizes[i]).c_str());
     }
