@@ -7,41 +7,6 @@
 
 namespace quorvex_tool {
 
-namespace {
-
-Rc<ByteArray> read_blob(const std::string& path) {
-    struct stat status;
-    if (::stat(path.c_str(), &status) != 0) {
-        throw ToolError(EXIT_DATA, path + ": " + std::strerror(errno) + " (not a complete Quorvex index)");
-    }
-    if (!S_ISREG(status.st_mode)) {
-        throw ToolError(EXIT_DATA, path + ": not a regular file");
-    }
-    if (static_cast<uint64_t>(status.st_size) > UINT32_MAX) {
-        throw ToolError(EXIT_DATA, path + ": larger than 4 GiB, which no index blob can be");
-    }
-    FILE* file = std::fopen(path.c_str(), "rb");
-    if (file == nullptr) {
-        throw ToolError(EXIT_DATA, path + ": " + std::strerror(errno));
-    }
-    Rc<ByteArray> bytes(new ByteArray(static_cast<uint32_t>(status.st_size)));
-    size_t done = 0;
-    while (done < bytes->length) {
-        size_t count = std::fread(bytes->data + done, 1, bytes->length - done, file);
-        if (count == 0) {
-            std::fclose(file);
-            throw ToolError(EXIT_DATA, path + ": could not be read whole");
-        }
-        done += count;
-    }
-    std::fclose(file);
-    return bytes;
-}
-
-}  // namespace
-
-namespace {
-
 void check_is_directory(const std::string& directory) {
     struct stat status;
     if (::stat(directory.c_str(), &status) != 0) {
@@ -51,8 +16,6 @@ void check_is_directory(const std::string& directory) {
         throw ToolError(EXIT_DATA, directory + ": not a directory; expected an index directory");
     }
 }
-
-}  // namespace
 
 Rc<Lexarium::Reader::IndexReader> open_index(const std::string& directory) {
     check_is_directory(directory);
@@ -78,17 +41,6 @@ void check_damage(const Lexarium::Reader::IndexReader& reader, const std::string
                                            directory + ")");
         }
     }
-}
-
-IndexFiles read_index_files(const std::string& directory) {
-    check_is_directory(directory);
-    IndexFiles files;
-    files.directory = directory;
-    files.table = read_blob(directory + "/table.bin");
-    files.index = read_blob(directory + "/index.bin");
-    files.key = read_blob(directory + "/key.bin");
-    files.data = read_blob(directory + "/data.bin");
-    return files;
 }
 
 }  // namespace quorvex_tool

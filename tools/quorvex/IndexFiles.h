@@ -22,19 +22,8 @@ public:
     int exit_code;
 };
 
-// The four blobs of an index directory, read whole and checked.
-struct IndexFiles {
-    std::string directory;
-    Rc<ByteArray> table;
-    Rc<ByteArray> index;
-    Rc<ByteArray> key;
-    Rc<ByteArray> data;
-    Lexarium::IndexVerification verification;
-};
-
-// Reads the four files of `directory`. A missing directory or file, or one
-// that cannot be read, is a ToolError (EXIT_DATA) naming it.
-IndexFiles read_index_files(const std::string& directory);
+// A ToolError (EXIT_DATA) unless `directory` is a directory.
+void check_is_directory(const std::string& directory);
 
 // A mapped reader over the index in `directory`, with the reader's checks
 // (table.bin whole, every other record where a search reaches it). A

@@ -289,10 +289,9 @@ int run_info(const InfoOptions& options) {
 }
 
 int run_verify(const VerifyOptions& options) {
-    IndexFiles files = read_index_files(options.directory);
-    files.verification =
-        Lexarium::IndexVerifier::verify(*files.table, *files.index, *files.key, *files.data, options.deep, 1000);
-    const Lexarium::IndexVerification& verification = files.verification;
+    check_is_directory(options.directory);
+    const Lexarium::IndexVerification verification =
+        Lexarium::IndexVerifier::verify_directory(options.directory, options.deep, 1000);
     if (options.json) {
         nlohmann::json problems = nlohmann::json::array();
         for (const Lexarium::IndexProblem& problem : verification.problems) {
@@ -309,6 +308,11 @@ int run_verify(const VerifyOptions& options) {
                     with_thousands(verification.items).c_str(), options.deep ? "deep" : "structural");
     } else {
         for (const Lexarium::IndexProblem& problem : verification.problems) {
+            // A file that could not be read is named by its path.
+            if (problem.blob.find('/') != std::string::npos) {
+                std::fprintf(stderr, "quorvex: %s: %s\n", problem.blob.c_str(), problem.message.c_str());
+                continue;
+            }
             std::fprintf(stderr, "quorvex: %s/%s: offset %llu: %s\n", options.directory.c_str(), problem.blob.c_str(),
                          static_cast<unsigned long long>(problem.offset), problem.message.c_str());
         }
