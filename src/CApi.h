@@ -15,11 +15,19 @@
  *     array (byte_array_new_on_user_data, byte_array_new_borrow_from) does
  *     not keep the memory it views alive: that memory must outlive every
  *     array, writer and reader that shares the view.
- *  4. There are no error codes. A broken precondition (an out-of-range
- *     borrow, ...) stops the process through a standard assertion failure
- *     that names the condition. Failures of the system (out of memory, ...)
- *     leave the function as C++ exceptions, which a C caller cannot catch:
- *     avoid the conditions that raise them.
+ *  4. Errors come back in two ways. Functions that take what the caller
+ *     may not control (index_reader_new_mapped: a path and the files under
+ *     it; index_verifier_check_...) never stop the process: they return
+ *     NULL or non-zero and, when the caller passes a non-NULL `char**`,
+ *     store a message there that the caller frees with the family's own
+ *     free function (index_reader_error_free, index_verifier_message_free).
+ *     The older functions have no error codes: a broken precondition (an
+ *     out-of-range borrow, a damaged index given to from_bytes, ...) stops
+ *     the process through a standard assertion failure that names the
+ *     condition, and failures of the system (out of memory, ...) leave the
+ *     function as C++ exceptions, which a C caller cannot catch: avoid the
+ *     conditions that raise them, or open indexes with
+ *     index_reader_new_mapped.
  *  5. Reference counts are plain integers: a handle and everything that
  *     shares its object are used by one thread at a time. The one exception
  *     is index_reader_search: several threads may search one reader at once,
