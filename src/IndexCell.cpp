@@ -1,8 +1,8 @@
 #include "Assertions.h"
 #include "IndexCell.h"
 
-#include "Format.h"
 #include "LittleEndian.h"
+#include "Records.h"
 
 namespace Lexarium {
 

@@ -1,6 +1,6 @@
 #include "Assertions.h"
 #include "IndexKey.h"
-#include "LittleEndian.h"
+#include "Records.h"
 #include <cstring>
 namespace Lexarium {
 
@@ -17,14 +17,14 @@ IndexKey::~IndexKey() = default;
 
 uint32 IndexKey::get_bytes_count() const { return this->underlying_data->length; }
 
-uint32 IndexKey::get_data_pointer() const { return LittleEndian::load_u32(this->underlying_data->data); }
+uint32 IndexKey::get_data_pointer() const { return Records::Key::decode(this->underlying_data->data).data_pointer; }
 
 void IndexKey::set_data_pointer(uint32 data_pointer) {
     LittleEndian::store_u32(this->underlying_data->data, data_pointer);
 }
 
 Rc<ByteArray> IndexKey::get_key() const {
-    uint8 key_length = this->underlying_data->data[Format::KEY_DATA_POINTER_SIZE];
+    uint8 key_length = Records::Key::decode(this->underlying_data->data).length;
     return this->underlying_data->borrow(Format::KEY_RECORD_HEADER_SIZE, key_length);
 }
 

@@ -1,7 +1,7 @@
 #include "Assertions.h"
 #include "IndexRow.h"
 
-#include "Format.h"
+#include "Records.h"
 
 namespace Lexarium {
 
@@ -10,7 +10,7 @@ IndexRow::IndexRow(Rc<ByteArray> bytes) : underlying_data(std::move(bytes)) {}
 IndexRow::~IndexRow() = default;
 
 uint8 IndexRow::get_cells_count() const {
-    return this->underlying_data->length == 0 ? 0 : this->underlying_data->data[0];
+    return this->underlying_data->length == 0 ? 0 : Records::Row::decode(this->underlying_data->data).cells_count;
 }
 
 // Cell i starts at byte 1 + 8i. The count byte is checked first; borrow()

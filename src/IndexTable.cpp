@@ -3,23 +3,25 @@
 
 #include <cstring>
 
+#include "Records.h"
+
 namespace Lexarium {
 
 IndexTable::IndexTable() = default;
 
 IndexTable::IndexTable(Rc<ByteArray> bytes) : underlying_data(std::move(bytes)) {
     const ByteArray& blob = *this->underlying_data;
-    uint32 offset = 0;
-    for (uint32 slot = 0; slot < Format::TABLE_ROW_COUNT; ++slot) {
-        // A blob that ends exactly here has no count byte to read: let the
-        // same range check that guards every row report it.
-        if (offset >= blob.length) {
-            blob.borrow(offset, Format::ROW_HEADER_SIZE);
-        }
-        uint32 cells_count = blob.data[offset];
-        uint32 row_size = cells_count * IndexCell::get_bytes_count() + Format::ROW_HEADER_SIZE;
-        this->rows[slot] = Rc<IndexRow>(new IndexRow(blob.borrow(offset, row_size)));
-        offset += row_size;
+    Records::TableWalk walk =
+        Records::walk_table(blob.data, blob.length, [&](uint32 slot, Records::Row row, uint64_t offset) {
+            this->rows[slot] =
+                Rc<IndexRow>(new IndexRow(blob.borrow(static_cast<uint32>(offset), static_cast<uint32>(row.size()))));
+        });
+    if (!walk.complete) {
+        // The first row that does not fit (or has no count byte to read)
+        // fails the same range check that guards every row.
+        uint64_t size = walk.end < blob.length ? Records::Row::decode(blob.data + walk.end).size()
+                                               : uint64_t{Format::ROW_HEADER_SIZE};
+        blob.borrow(static_cast<uint32>(walk.end), static_cast<uint32>(size));
     }
 }
 
