@@ -121,11 +121,8 @@ FileIdentity identity_of(const struct stat& status) {
     return FileIdentity{status.st_dev, status.st_ino, status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
 }
 
+// As MappedIndex::open, with `error` naming the file but not the directory.
 std::shared_ptr<const MappedIndex> open_unguarded(const std::string& directory, std::string& error) {
-    if (directory.empty()) {
-        error = "empty path; expected an index directory";
-        return nullptr;
-    }
     const char* names[4] = {"table.bin", "index.bin", "key.bin", "data.bin"};
     const char* suffixes[4] = {Format::TABLE_FILE_NAME, Format::INDEX_FILE_NAME, Format::KEY_FILE_NAME,
                                Format::DATA_FILE_NAME};
@@ -183,13 +180,14 @@ MappedIndex::~MappedIndex() {
 }
 
 std::shared_ptr<const MappedIndex> MappedIndex::open(const std::string& directory, std::string& error) noexcept {
+    if (directory.empty()) {
+        error = "empty path; expected an index directory";
+        return nullptr;
+    }
     try {
         std::shared_ptr<const MappedIndex> mapped = open_unguarded(directory, error);
         if (mapped == nullptr) {
             error = directory + "/" + error;
-            if (directory.empty()) {
-                error = "empty path; expected an index directory";
-            }
         }
         return mapped;
     } catch (const std::exception& failure) {
