@@ -153,7 +153,7 @@ Rc<IndexReader> IndexReader::from_directory_mapped(const string& directory, stri
             return reader;
         }
     } catch (const std::bad_alloc&) {
-        why = directory + ": out of memory";
+        why = "out of memory";  // fits the string's own room: no allocation
     }
     if (error != nullptr) {
         *error = why;

@@ -190,10 +190,10 @@ std::shared_ptr<const MappedIndex> MappedIndex::open(const std::string& director
             error = directory + "/" + error;
         }
         return mapped;
-    } catch (const std::exception& failure) {
-        error = directory + ": " + failure.what();
     } catch (...) {
-        error = directory + ": could not be opened";
+        // Only allocations can fail here. The message fits the string's
+        // own room, so setting it allocates nothing.
+        error = "out of memory";
     }
     return nullptr;
 }
