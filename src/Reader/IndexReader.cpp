@@ -156,7 +156,7 @@ Rc<IndexReader> IndexReader::from_directory_mapped(const string& directory, stri
         why = "out of memory";  // fits the string's own room: no allocation
     }
     if (error != nullptr) {
-        *error = why;
+        error->swap(why);  // no copy, so nothing left to fail
     }
     return Rc<IndexReader>();
 }
