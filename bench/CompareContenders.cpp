@@ -12,8 +12,8 @@
 #include <sqlite3.h>
 
 #include "Format.h"
-#include "LittleEndian.h"
 #include "Reader/IndexReader.h"
+#include "Records.h"
 #include "Writer/IndexWriter.h"
 
 namespace Lexarium::Bench::Compare {
@@ -225,36 +225,31 @@ public:
 
     void release() override { this->results = Results(); }
 
-    // Walks key.bin: every record must hold the stored key and point at the
-    // value of the same item. Notes where each key record starts.
+    // Walks key.bin with the format's codec: every record must hold the
+    // stored key and point at the value of the same item. Notes where each
+    // key record starts.
     void verify(const Dictionary& dictionary) override {
         const ByteArray& keys = *this->reader->key_bytes;
         const ByteArray& data = *this->reader->data_bytes;
         this->key_offsets.clear();
         uint64_t offset = 0;
         for (size_t k = 0; k < dictionary.stored.size(); ++k) {
-            if (offset + Format::KEY_RECORD_HEADER_SIZE > keys.length) {
-                throw std::runtime_error("key.bin ends at item " + std::to_string(k));
+            Records::Key key;
+            if (!Records::decode_from(keys, offset, key)) {
+                throw std::runtime_error("key.bin ends inside the record of item " + std::to_string(k));
             }
-            const uint8* record = keys.data + offset;
-            uint32_t data_pointer = LittleEndian::load_u32(record);
-            uint8 length = record[Format::KEY_DATA_POINTER_SIZE];
-            std::string_view key(reinterpret_cast<const char*>(record + Format::KEY_RECORD_HEADER_SIZE), length);
-            if (offset + Format::KEY_RECORD_HEADER_SIZE + length > keys.length || key != dictionary.stored[k]) {
+            if (std::string_view(reinterpret_cast<const char*>(key.text), key.length) != dictionary.stored[k]) {
                 throw std::runtime_error("key.bin differs from the stored keys at item " + std::to_string(k));
             }
-            if (uint64_t{data_pointer} + Format::VALUE_RECORD_HEADER_SIZE > data.length) {
-                throw std::runtime_error("data.bin ends before the value of item " + std::to_string(k));
+            Records::Value value;
+            if (!Records::decode_from(data, key.data_pointer, value)) {
+                throw std::runtime_error("data.bin ends inside the value of item " + std::to_string(k));
             }
-            uint16 value_length = LittleEndian::load_u16(data.data + data_pointer);
-            std::string_view value(reinterpret_cast<const char*>(data.data + data_pointer + Format::VALUE_RECORD_HEADER_SIZE),
-                                   value_length);
-            if (uint64_t{data_pointer} + Format::VALUE_RECORD_HEADER_SIZE + value_length > data.length ||
-                value != dictionary.values[k]) {
+            if (std::string_view(reinterpret_cast<const char*>(value.bytes), value.length) != dictionary.values[k]) {
                 throw std::runtime_error("data.bin differs from the values at item " + std::to_string(k));
             }
             this->key_offsets.push_back(static_cast<uint32_t>(offset));
-            offset += Format::KEY_RECORD_HEADER_SIZE + length;
+            offset += key.size();
         }
         if (offset != keys.length) {
             throw std::runtime_error("key.bin holds more than the items");
