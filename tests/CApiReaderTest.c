@@ -102,6 +102,76 @@ static void verifies_without_stopping(void) {
     index_verifier_message_free(NULL);
 }
 
+/* Whether two search results hold the same keys and values in order. */
+static int same_results(SearchResultsHandle* a, SearchResultsHandle* b) {
+    int64_t count = search_results_get_count(a);
+    int same = count == search_results_get_count(b);
+    for (uint16_t i = 0; same && i < count; ++i) {
+        SearchResultItem* x = search_result_item_get(a, i);
+        SearchResultItem* y = search_result_item_get(b, i);
+        uint8_t *x_key, *y_key, *x_value, *y_value;
+        uint32_t key_length = byte_array_get_bytes(x->key, &x_key);
+        uint32_t value_length = byte_array_get_bytes(x->value, &x_value);
+        same = key_length == byte_array_get_bytes(y->key, &y_key) && memcmp(x_key, y_key, key_length) == 0 &&
+               value_length == byte_array_get_bytes(y->value, &y_value) && memcmp(x_value, y_value, value_length) == 0;
+        byte_array_free(x->key);
+        byte_array_free(x->value);
+        byte_array_free(y->key);
+        byte_array_free(y->value);
+        search_result_item_free(x);
+        search_result_item_free(y);
+    }
+    return same;
+}
+
+/* A mapped reader searches as the one that reads the files; one that cannot
+ * open gives NULL and a message naming the file; a damaged set opens and
+ * its search passes over the damage. */
+static void mapped_reader(void) {
+    const char* good = QUORVEX_TEST_DATA_DIR "/good";
+    char* error = NULL;
+    IndexReaderHandle* mapped = index_reader_new_mapped(good, &error);
+    IndexReaderHandle* read = index_reader_new_from_directory(good);
+    CHECK(mapped != NULL && error == NULL);
+    static const char* const keywords[] = {"a", "b", "ab", "x"};
+    for (size_t i = 0; mapped != NULL && i < sizeof keywords / sizeof keywords[0]; ++i) {
+        for (uint16_t limit = 0; limit <= 20; limit += 20) {
+            SearchResultsHandle* expected = index_reader_search(read, keywords[i], limit);
+            SearchResultsHandle* results = index_reader_search(mapped, keywords[i], limit);
+            CHECK(same_results(results, expected));
+            search_results_free(expected);
+            search_results_free(results);
+        }
+    }
+    index_reader_free(mapped);
+    index_reader_free(read);
+
+    CHECK(index_reader_new_mapped(QUORVEX_TEST_DATA_DIR "/no-such-index", &error) == NULL);
+    CHECK(error != NULL && strstr(error, "no-such-index/table.bin") != NULL);
+    index_reader_error_free(error);
+    CHECK(index_reader_new_mapped(QUORVEX_TEST_DATA_DIR "/table-one-byte-short", NULL) == NULL);
+    error = NULL;
+    CHECK(index_reader_new_mapped(NULL, &error) == NULL);
+    CHECK(error != NULL);
+    index_reader_error_free(error);
+    index_reader_error_free(NULL);
+
+    /* The good set finds "b" and "ab"; each damaged set breaks the way to one. */
+    static const char* const damaged[] = {"posting-list-past-index", "key-record-past-key-blob",
+                                          "key-length-past-key-blob", "value-past-data-blob",
+                                          "value-length-past-data-blob"};
+    for (size_t i = 0; i < sizeof damaged / sizeof damaged[0]; ++i) {
+        char path[4096];
+        snprintf(path, sizeof path, "%s/%s", QUORVEX_TEST_DATA_DIR, damaged[i]);
+        IndexReaderHandle* reader = index_reader_new_mapped(path, NULL);
+        CHECK(reader != NULL);
+        SearchResultsHandle* results = reader != NULL ? index_reader_search(reader, "b", 20) : NULL;
+        CHECK(results != NULL && search_results_get_count(results) == 1);
+        search_results_free(results);
+        index_reader_free(reader);
+    }
+}
+
 static void free_functions_accept_null(void) {
     index_reader_free(NULL);
     search_results_free(NULL);
@@ -112,6 +182,7 @@ int main(void) {
     searches_in_position_order();
     items_outlive_their_list();
     verifies_without_stopping();
+    mapped_reader();
     free_functions_accept_null();
     return finish("reader");
 }
