@@ -10,6 +10,7 @@
 
 #include "Format.h"
 #include "LittleEndian.h"
+#include "Records.h"
 
 namespace Lexarium {
 
@@ -54,43 +55,44 @@ private:
 
     static std::string number(uint64_t value) { return std::to_string(value); }
 
-    // 65535 row records, read with every byte checked before it is read.
+    // 65535 row records, each decoded only once it is known to fit.
     void check_table() {
-        uint64_t offset = 0;
-        for (uint32 row = 0; row < TABLE_ROW_COUNT; ++row) {
+        Records::TableWalk walk =
+            Records::walk_table(this->table.data, this->table.length, [&](uint32 row, Records::Row record, uint64_t offset) {
+                this->check_row(row, record.cells_count, offset);
+                for (uint32 i = 0; i < record.cells_count; ++i) {
+                    Records::Cell cell = record.cell(i);
+                    uint64_t at = offset + Format::ROW_HEADER_SIZE + uint64_t{i} * Format::CELL_RECORD_SIZE;
+                    this->cells.push_back(Cell{row, i, cell.offset, cell.count, at});
+                }
+            });
+        uint64_t offset = walk.end;
+        if (!walk.complete) {
+            this->table_complete = false;
             if (offset >= this->table.length) {
                 this->problem("table.bin", offset,
-                              "ends before row " + number(row) + "; expected 65535 row records");
-                this->table_complete = false;
+                              "ends before row " + number(walk.stopped_row) + "; expected 65535 row records");
                 return;
             }
-            uint32 cells = this->table.data[offset];
-            if (cells > Format::MAX_CELLS_PER_ROW) {
-                this->problem("table.bin", offset,
-                              "row " + number(row) + " has 255 cells; expected at most 254");
-            }
-            if (row == 0 && cells != 0) {
-                this->problem("table.bin", offset, "row 0 has " + number(cells) + " cells; expected none");
-            }
-            uint64_t size = Format::ROW_HEADER_SIZE + uint64_t{cells} * Format::CELL_RECORD_SIZE;
-            if (offset + size > this->table.length) {
-                this->problem("table.bin", offset,
-                              "row " + number(row) + " needs " + number(size) + " bytes; the blob ends after " +
-                                  number(this->table.length - offset));
-                this->table_complete = false;
-                return;
-            }
-            for (uint32 i = 0; i < cells; ++i) {
-                uint64_t record = offset + Format::ROW_HEADER_SIZE + uint64_t{i} * Format::CELL_RECORD_SIZE;
-                const uint8* cell = this->table.data + record;
-                this->cells.push_back(
-                    Cell{row, i, LittleEndian::load_u32(cell), LittleEndian::load_u32(cell + 4), record});
-            }
-            offset += size;
+            Records::Row record = Records::Row::decode(this->table.data + offset);
+            this->check_row(walk.stopped_row, record.cells_count, offset);
+            this->problem("table.bin", offset,
+                          "row " + number(walk.stopped_row) + " needs " + number(record.size()) +
+                              " bytes; the blob ends after " + number(this->table.length - offset));
+            return;
         }
         if (offset != this->table.length) {
             this->problem("table.bin", offset,
                           number(this->table.length - offset) + " bytes after row 65534; expected the end of the blob");
+        }
+    }
+
+    void check_row(uint32 row, uint32 cells, uint64_t offset) {
+        if (cells > Format::MAX_CELLS_PER_ROW) {
+            this->problem("table.bin", offset, "row " + number(row) + " has 255 cells; expected at most 254");
+        }
+        if (row == 0 && cells != 0) {
+            this->problem("table.bin", offset, "row 0 has " + number(cells) + " cells; expected none");
         }
     }
 
@@ -113,22 +115,22 @@ private:
     void check_values() {
         uint64_t offset = 0;
         while (offset < this->data.length) {
-            if (offset + Format::VALUE_RECORD_HEADER_SIZE > this->data.length) {
+            // The header first, so that its problems are told apart.
+            if (this->data.length - offset < Format::VALUE_RECORD_HEADER_SIZE) {
                 this->problem("data.bin", offset, "value record header runs past the end of the blob");
                 return;
             }
-            uint16 length = LittleEndian::load_u16(this->data.data + offset);
-            if (length > Format::MAX_VALUE_BYTES) {
+            Records::Value value = Records::Value::decode(this->data.data + offset);
+            if (value.length > Format::MAX_VALUE_BYTES) {
                 this->problem("data.bin", offset, "value length 65535; expected at most 65534");
             }
-            uint64_t size = Format::VALUE_RECORD_HEADER_SIZE + uint64_t{length};
-            if (offset + size > this->data.length) {
+            if (value.size() > this->data.length - offset) {
                 this->problem("data.bin", offset,
-                              "value record of " + number(size) + " bytes runs past the end of the blob");
+                              "value record of " + number(value.size()) + " bytes runs past the end of the blob");
                 return;
             }
             this->value_starts.push_back(static_cast<uint32>(offset));
-            offset += size;
+            offset += value.size();
         }
     }
 
@@ -136,20 +138,20 @@ private:
         this->key_start_bits.assign(uint64_t{this->key.length} + 1, false);
         uint64_t offset = 0;
         while (offset < this->key.length) {
-            if (offset + Format::KEY_RECORD_HEADER_SIZE > this->key.length) {
+            if (this->key.length - offset < Format::KEY_RECORD_HEADER_SIZE) {
                 this->problem("key.bin", offset, "key record header runs past the end of the blob");
                 return;
             }
-            uint8 length = this->key.data[offset + Format::KEY_DATA_POINTER_SIZE];
-            if (length > Format::MAX_STORED_KEY_BYTES) {
+            Records::Key record = Records::Key::decode(this->key.data + offset);
+            if (record.length > Format::MAX_STORED_KEY_BYTES) {
                 this->problem("key.bin", offset, "key length 255; expected at most 254");
             }
-            uint64_t size = Format::KEY_RECORD_HEADER_SIZE + uint64_t{length};
-            if (offset + size > this->key.length) {
-                this->problem("key.bin", offset, "key record of " + number(size) + " bytes runs past the end of the blob");
+            if (record.size() > this->key.length - offset) {
+                this->problem("key.bin", offset,
+                              "key record of " + number(record.size()) + " bytes runs past the end of the blob");
                 return;
             }
-            uint32 pointer = LittleEndian::load_u32(this->key.data + offset);
+            uint32 pointer = record.data_pointer;
             size_t item = this->key_starts.size();
             if (item >= this->value_starts.size()) {
                 this->problem("key.bin", offset,
@@ -162,7 +164,7 @@ private:
             }
             this->key_start_bits[offset] = true;
             this->key_starts.push_back(static_cast<uint32>(offset));
-            offset += size;
+            offset += record.size();
         }
         if (this->key_starts.size() < this->value_starts.size()) {
             this->problem("data.bin", this->value_starts[this->key_starts.size()],
@@ -186,9 +188,9 @@ private:
                 }
                 continue;
             }
-            uint64_t end = uint64_t{cell.offset} + uint64_t{cell.count} * Format::POSTING_ENTRY_SIZE;
+            Records::Cell list{cell.offset, cell.count};
             if (cell.offset < Format::INDEX_SENTINEL_SIZE || cell.offset % Format::POSTING_ENTRY_SIZE != 0 ||
-                end > this->index.length) {
+                list.entries_in(this->index.data, this->index.length) == nullptr) {
                 this->problem("table.bin", record,
                               name + " lists " + number(cell.count) + " entries from offset " + number(cell.offset) +
                                   "; expected a 4-byte aligned list inside index.bin after the sentinel (" +
@@ -263,7 +265,7 @@ private:
 
     // A stored key of 251 bytes or more may be the cut form of a longer one.
     bool may_be_shortened(uint32 entry) const {
-        return this->key.data[entry + Format::KEY_DATA_POINTER_SIZE] > Format::MAX_STORED_KEY_BYTES - 4;
+        return Records::Key::decode(this->key.data + entry).length > Format::MAX_STORED_KEY_BYTES - 4;
     }
 
     static std::string hex(uint32 value) {
