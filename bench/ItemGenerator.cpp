@@ -2,36 +2,17 @@
 
 #include <algorithm>
 #include <cmath>
-#include <codecvt>
 #include <cstring>
-#include <locale>
 #include <random>
 #include <stdexcept>
 #include <functional>
 #include <string_view>
 
+#include "Utf8.h"
+
 namespace Lexarium::Bench {
 
-void append_utf8(std::string& out, uint32_t code_point) {
-    if (code_point < 0x80) {
-        out.push_back(static_cast<char>(code_point));
-    } else if (code_point < 0x800) {
-        out.push_back(static_cast<char>(0xC0 | (code_point >> 6)));
-        out.push_back(static_cast<char>(0x80 | (code_point & 0x3F)));
-    } else if (code_point < 0x10000) {
-        out.push_back(static_cast<char>(0xE0 | (code_point >> 12)));
-        out.push_back(static_cast<char>(0x80 | ((code_point >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (code_point & 0x3F)));
-    } else {
-        throw std::invalid_argument("append_utf8: code point above U+FFFF");
-    }
-}
-
 namespace {
-
-typedef std::wstring_convert<std::codecvt_utf8<wchar_t>> Converter;
-
-bool is_surrogate(uint32_t code_point) { return code_point >= 0xD800 && code_point <= 0xDFFF; }
 
 std::string hex(uint32_t value) {
     static const char digits[] = "0123456789ABCDEF";
@@ -79,7 +60,7 @@ public:
         std::string key;
         key.reserve(this->code_points.size() * 3);
         for (uint32_t code_point : this->code_points) {
-            append_utf8(key, code_point);
+            Utf8::append(key, code_point);
         }
         return key;
     }
@@ -251,21 +232,6 @@ private:
 
 }  // namespace
 
-void check_utf8_encoder() {
-    Converter converter;
-    for (uint32_t code_point = 1; code_point <= 0xFFFE; ++code_point) {
-        if (is_surrogate(code_point)) {
-            continue;
-        }
-        std::string mine;
-        append_utf8(mine, code_point);
-        std::string reference = converter.to_bytes(std::wstring(1, static_cast<wchar_t>(code_point)));
-        if (mine != reference) {
-            throw std::logic_error("append_utf8 disagrees with wstring_convert at " + hex(code_point));
-        }
-    }
-}
-
 ItemSet generate_items(size_t count, uint64_t seed) {
     Generator generator(seed);
     ItemSet set;
@@ -286,7 +252,6 @@ ItemSet generate_items(size_t count, uint64_t seed) {
 }
 
 void check_items(const ItemSet& set) {
-    Converter converter;
     KeySet seen(set.items, set.items.size());
     uint64_t key_bytes = 0;
     uint64_t value_bytes = 0;
@@ -296,20 +261,17 @@ void check_items(const ItemSet& set) {
         if (item.key.size() > MAX_KEY_BYTES) {
             throw std::logic_error(where + "key longer than 254 bytes");
         }
-        std::wstring wide = converter.from_bytes(item.key);
-        if (wide.size() < MIN_KEY_CODE_POINTS || wide.size() > MAX_KEY_CODE_POINTS) {
-            throw std::logic_error(where + "key of " + std::to_string(wide.size()) + " code points");
+        std::vector<uint32> code_points;
+        if (!Utf8::decode_indexable(reinterpret_cast<const uint8*>(item.key.data()), item.key.size(), code_points)) {
+            throw std::logic_error(where + "key is not UTF-8 of U+0001..U+FFFE");
         }
-        std::string again;
-        for (wchar_t c : wide) {
-            uint32_t code_point = static_cast<uint32_t>(c);
-            if (code_point == 0 || code_point > 0xFFFE || is_surrogate(code_point)) {
+        if (code_points.size() < MIN_KEY_CODE_POINTS || code_points.size() > MAX_KEY_CODE_POINTS) {
+            throw std::logic_error(where + "key of " + std::to_string(code_points.size()) + " code points");
+        }
+        for (uint32 code_point : code_points) {
+            if (Utf8::is_surrogate(code_point)) {
                 throw std::logic_error(where + "key holds " + hex(code_point));
             }
-            append_utf8(again, code_point);
-        }
-        if (again != item.key) {
-            throw std::logic_error(where + "key is not in shortest UTF-8 form");
         }
         if (!seen.insert(i)) {
             throw std::logic_error(where + "duplicate key");

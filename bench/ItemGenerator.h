@@ -10,15 +10,6 @@
 
 namespace Lexarium::Bench {
 
-// Appends the UTF-8 form of `code_point` to `out`. Handles U+0000..U+FFFF
-// (one to three bytes); the generator never asks for a surrogate.
-void append_utf8(std::string& out, uint32_t code_point);
-
-// Compares append_utf8 with std::wstring_convert for every code point
-// U+0001..U+FFFE outside the surrogates. Throws std::logic_error naming the
-// first code point that differs.
-void check_utf8_encoder();
-
 struct Item {
     std::string key;
     Rc<ByteArray> value;

@@ -513,14 +513,6 @@ BENCHMARK(BM_ReaderSearchThreads)->Threads(1)->Threads(2)->UseRealTime()->Unit(b
 }  // namespace
 
 int main(int argc, char** argv) {
-    // The generator writes its own UTF-8; make sure it agrees with the
-    // converter the writer and the reader decode with before timing anything.
-    try {
-        Lexarium::Bench::check_utf8_encoder();
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "quorvex_bench_reader: %s\n", error.what());
-        return 1;
-    }
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 1;

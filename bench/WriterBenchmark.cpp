@@ -269,14 +269,6 @@ BENCHMARK(BM_WriterEmpty)->Iterations(20)->Repetitions(3)->ReportAggregatesOnly(
 }  // namespace
 
 int main(int argc, char** argv) {
-    // The generator writes its own UTF-8; make sure it agrees with the
-    // converter the writer decodes keys with before timing anything.
-    try {
-        Lexarium::Bench::check_utf8_encoder();
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "quorvex_bench_writer: %s\n", error.what());
-        return 1;
-    }
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 1;

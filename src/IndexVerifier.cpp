@@ -11,6 +11,7 @@
 #include "Format.h"
 #include "LittleEndian.h"
 #include "Records.h"
+#include "Utf8.h"
 
 namespace Lexarium {
 
@@ -225,8 +226,8 @@ private:
         std::vector<std::vector<uint32>> characters(this->key_starts.size());
         for (size_t item = 0; item < this->key_starts.size(); ++item) {
             uint32 offset = this->key_starts[item];
-            uint8 length = this->key.data[offset + Format::KEY_DATA_POINTER_SIZE];
-            if (!decode(this->key.data + offset + Format::KEY_RECORD_HEADER_SIZE, length, characters[item])) {
+            Records::Key record = Records::Key::decode(this->key.data + offset);
+            if (!Utf8::decode_indexable(record.text, record.length, characters[item])) {
                 this->problem("key.bin", offset, "key text is not valid UTF-8");
             }
         }
@@ -272,42 +273,6 @@ private:
         char text[16];
         std::snprintf(text, sizeof text, "%04X", value);
         return text;
-    }
-
-    // Strict UTF-8 of code points the table can hold, U+0001..U+FFFE.
-    static bool decode(const uint8* text, uint32 length, std::vector<uint32>& out) {
-        for (uint32 i = 0; i < length;) {
-            uint8 lead = text[i];
-            uint32 code_point;
-            uint32 size;
-            if (lead < 0x80) {
-                code_point = lead;
-                size = 1;
-            } else if (lead >= 0xC2 && lead <= 0xDF) {
-                code_point = lead & 0x1F;
-                size = 2;
-            } else if (lead >= 0xE0 && lead <= 0xEF) {
-                code_point = lead & 0x0F;
-                size = 3;
-            } else {
-                return false;
-            }
-            if (i + size > length) {
-                return false;
-            }
-            for (uint32 j = 1; j < size; ++j) {
-                if ((text[i + j] & 0xC0) != 0x80) {
-                    return false;
-                }
-                code_point = (code_point << 6) | (text[i + j] & 0x3F);
-            }
-            if ((size == 3 && code_point < 0x800) || code_point == 0 || code_point > Format::MAX_INDEXED_CODE_POINT) {
-                return false;
-            }
-            out.push_back(code_point);
-            i += size;
-        }
-        return true;
     }
 
     const ByteArray& table;

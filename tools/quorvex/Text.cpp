@@ -2,46 +2,17 @@
 
 #include <cstdio>
 
+#include <Utf8.h>
+
 namespace quorvex_tool {
 
 bool decode_utf8(std::string_view text, std::vector<uint32_t>& code_points, size_t& bad_byte) {
     code_points.clear();
-    const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
-    size_t length = text.size();
-    for (size_t i = 0; i < length;) {
-        unsigned char lead = bytes[i];
-        uint32_t code_point;
-        size_t size;
-        if (lead < 0x80) {
-            code_point = lead;
-            size = 1;
-        } else if (lead >= 0xC2 && lead <= 0xDF) {
-            code_point = lead & 0x1F;
-            size = 2;
-        } else if (lead >= 0xE0 && lead <= 0xEF) {
-            code_point = lead & 0x0F;
-            size = 3;
-        } else if (lead >= 0xF0 && lead <= 0xF4) {
-            code_point = lead & 0x07;
-            size = 4;
-        } else {
-            bad_byte = i;
-            return false;
-        }
-        if (i + size > length) {
-            bad_byte = i;
-            return false;
-        }
-        for (size_t j = 1; j < size; ++j) {
-            if ((bytes[i + j] & 0xC0) != 0x80) {
-                bad_byte = i;
-                return false;
-            }
-            code_point = (code_point << 6) | (bytes[i + j] & 0x3F);
-        }
-        bool overlong = (size == 3 && code_point < 0x800) || (size == 4 && code_point < 0x10000);
-        bool surrogate = code_point >= 0xD800 && code_point <= 0xDFFF;
-        if (overlong || surrogate || code_point > 0x10FFFF) {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
+    for (size_t i = 0; i < text.size();) {
+        uint32_t code_point = 0;
+        size_t size = Lexarium::Utf8::read_character(bytes + i, text.size() - i, code_point);
+        if (size == 0 || Lexarium::Utf8::is_surrogate(code_point)) {
             bad_byte = i;
             return false;
         }
@@ -55,26 +26,6 @@ bool is_valid_utf8(std::string_view text) {
     std::vector<uint32_t> code_points;
     size_t bad_byte = 0;
     return decode_utf8(text, code_points, bad_byte);
-}
-
-std::string encode_utf8(uint32_t code_point) {
-    std::string out;
-    if (code_point < 0x80) {
-        out += static_cast<char>(code_point);
-    } else if (code_point < 0x800) {
-        out += static_cast<char>(0xC0 | (code_point >> 6));
-        out += static_cast<char>(0x80 | (code_point & 0x3F));
-    } else if (code_point < 0x10000) {
-        out += static_cast<char>(0xE0 | (code_point >> 12));
-        out += static_cast<char>(0x80 | ((code_point >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (code_point & 0x3F));
-    } else {
-        out += static_cast<char>(0xF0 | (code_point >> 18));
-        out += static_cast<char>(0x80 | ((code_point >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((code_point >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (code_point & 0x3F));
-    }
-    return out;
 }
 
 std::string code_point_name(uint32_t code_point) {
@@ -130,14 +81,6 @@ std::string_view first_line(std::string_view text) {
     return end == std::string_view::npos ? text : text.substr(0, end);
 }
 
-size_t character_count(std::string_view text) {
-    size_t count = 0;
-    for (char c : text) {
-        count += (static_cast<unsigned char>(c) & 0xC0) != 0x80;
-    }
-    return count;
-}
-
 std::string cut_to_columns(const std::string& text, size_t columns) {
     if (character_count(text) <= columns) {
         return text;
@@ -145,15 +88,9 @@ std::string cut_to_columns(const std::string& text, size_t columns) {
     if (columns == 0) {
         return "";
     }
-    size_t kept = 0;
-    size_t end = 0;
-    while (end < text.size() && kept < columns - 1) {
-        ++end;
-        while (end < text.size() && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) {
-            ++end;
-        }
-        ++kept;
-    }
+    // The text is cut to a line of a terminal, far below 4 GiB.
+    uint32_t end = Lexarium::Utf8::char_byte_offset(reinterpret_cast<const uint8_t*>(text.data()),
+                                                    static_cast<uint32_t>(text.size()), static_cast<uint32_t>(columns - 1));
     return text.substr(0, end) + "\xE2\x80\xA6";
 }
 

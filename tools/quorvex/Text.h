@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include <Utf8.h>
+
 namespace quorvex_tool {
 
 // Strict UTF-8: shortest forms, no surrogates, at most U+10FFFF. On success
@@ -16,7 +18,7 @@ bool decode_utf8(std::string_view text, std::vector<uint32_t>& code_points, size
 bool is_valid_utf8(std::string_view text);
 
 // The UTF-8 bytes of `code_point` (below U+110000).
-std::string encode_utf8(uint32_t code_point);
+inline std::string encode_utf8(uint32_t code_point) { return Lexarium::Utf8::encode(code_point); }
 
 // "U+00E9".
 std::string code_point_name(uint32_t code_point);
@@ -35,7 +37,7 @@ std::string_view first_line(std::string_view text);
 std::string cut_to_columns(const std::string& text, size_t columns);
 
 // Number of characters (code points) of valid UTF-8 `text`.
-size_t character_count(std::string_view text);
+inline size_t character_count(std::string_view text) { return Lexarium::Utf8::character_count(text.data(), text.size()); }
 
 // "12,345,678".
 std::string with_thousands(uint64_t value);
