@@ -9,12 +9,10 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <codecvt>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
-#include <locale>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -27,6 +25,7 @@
 
 #include "Format.h"
 #include "ItemGenerator.h"
+#include "QuorvexTesting.h"
 #include "Reader/IndexReader.h"
 #include "Writer/IndexWriter.h"
 
@@ -66,34 +65,16 @@ uint64_t below(std::mt19937_64& rng, uint64_t n) {
     return x % n;
 }
 
-bool is_continuation_byte(char byte) { return (static_cast<unsigned char>(byte) & 0xC0) == 0x80; }
-
-// Byte offsets of the code points of `text`, then text.size().
-std::vector<size_t> code_point_starts(const std::string& text) {
-    std::vector<size_t> starts;
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (!is_continuation_byte(text[i])) {
-            starts.push_back(i);
-        }
-    }
-    starts.push_back(text.size());
-    return starts;
-}
-
 // Throws std::logic_error unless `keyword` is something the reader accepts
 // and the index can find: UTF-8 of 1..254 bytes, code points U+0001..U+FFFE.
 void check_keyword(const std::string& keyword) {
     if (keyword.empty() || keyword.size() >= 255) {
         throw std::logic_error("keyword of " + std::to_string(keyword.size()) + " bytes");
     }
-    std::wstring_convert<std::codecvt_utf8<wchar_t>> converter;
-    std::wstring wide = converter.from_bytes(keyword);  // throws on invalid UTF-8
-    for (wchar_t c : wide) {
-        uint32_t code_point = static_cast<uint32_t>(c);
-        if (code_point < Lexarium::Format::MIN_INDEXED_CODE_POINT ||
-            code_point > Lexarium::Format::MAX_INDEXED_CODE_POINT) {
-            throw std::logic_error("keyword with a code point the index does not hold");
-        }
+    std::vector<uint32_t> code_points;
+    if (!Lexarium::Utf8::decode_indexable(reinterpret_cast<const uint8_t*>(keyword.data()), keyword.size(),
+                                          code_points)) {
+        throw std::logic_error("keyword that is not UTF-8 of code points the index holds");
     }
 }
 
@@ -106,7 +87,7 @@ std::vector<std::string> sample_keywords(const std::vector<std::string>& keys, s
     keywords.reserve(count);
     for (size_t i = 0; i < count; ++i) {
         const std::string& key = keys[below(rng, keys.size())];
-        std::vector<size_t> starts = code_point_starts(key);
+        std::vector<size_t> starts = quorvex_testing::character_starts(key);
         uint64_t key_code_points = starts.size() - 1;
         uint64_t length = std::min(1 + below(rng, MAX_KEYWORD_CODE_POINTS), key_code_points);
         uint64_t first = below(rng, key_code_points - length + 1);
@@ -144,33 +125,15 @@ std::vector<uint32_t> naive_scan(const std::vector<std::string>& keys, const std
 
 // ---- Agreement with the plain scan ------------------------------------------
 
-// The index's documented answer, worked out by brute force: every occurrence
-// of `keyword` in every key, overlapping ones included, ordered by the code
-// point it starts at and then by key order, cut at `limit`. A valid UTF-8
-// keyword can only match at a code point boundary, so byte offsets convert
-// to code point positions exactly.
-std::vector<uint32_t> predicted_search(const std::vector<std::string>& keys, const std::string& keyword,
-                                       size_t limit) {
-    std::vector<std::pair<size_t, uint32_t>> occurrences;  // (code point position, key number)
-    for (uint32_t i = 0; i < keys.size(); ++i) {
-        std::string_view key(keys[i]);
-        for (size_t at = key.find(keyword); at != std::string_view::npos; at = key.find(keyword, at + 1)) {
-            size_t position = static_cast<size_t>(
-                std::count_if(key.begin(), key.begin() + at, [](char byte) { return !is_continuation_byte(byte); }));
-            occurrences.emplace_back(position, i);
-        }
-    }
-    std::stable_sort(occurrences.begin(), occurrences.end(),
-                     [](const auto& a, const auto& b) { return a.first < b.first; });
-    std::vector<uint32_t> order;
-    for (size_t i = 0; i < occurrences.size() && i < limit; ++i) {
-        order.push_back(occurrences[i].second);
-    }
-    return order;
-}
-
 std::string key_text(const SearchResult& result) {
     return std::string(reinterpret_cast<const char*>(result.key->data), result.key->length);
+}
+
+// A key as the brute-force search takes it: stored whole, no value.
+quorvex_testing::ReferenceKey reference_key(const std::string& key) {
+    quorvex_testing::ReferenceKey reference{key, {}, ""};
+    Lexarium::Utf8::decode(key, reference.characters);
+    return reference;
 }
 
 struct Agreement {
@@ -182,13 +145,18 @@ struct Agreement {
 // - when the index returns fewer results than the limit, the distinct keys
 //   it returns are exactly the keys the plain scan finds; when it fills the
 //   limit, they are among them;
-// - the results, in order, are predicted_search's.
+// - the results, in order, are those of the brute-force reference_search.
 // This holds because every generated key is within what the index stores
 // whole: code points U+0001..U+FFFE, at most 254 bytes (checked when the
 // fixture is made).
 Agreement check_agreement(IndexReader& reader, const std::vector<std::string>& keys,
                           const std::vector<std::string>& keywords) {
     Agreement agreement;
+    std::vector<quorvex_testing::ReferenceKey> reference;
+    reference.reserve(keys.size());
+    for (const std::string& key : keys) {
+        reference.push_back(reference_key(key));
+    }
     size_t count = std::min(CHECKED_KEYWORD_COUNT, keywords.size());
     for (size_t k = 0; k < count; ++k) {
         const std::string& keyword = keywords[k];
@@ -208,10 +176,11 @@ Agreement check_agreement(IndexReader& reader, const std::vector<std::string>& k
                                                     index_keys.end())
                                     : index_keys == scan_keys;
 
-        std::vector<uint32_t> predicted = predicted_search(keys, keyword, CHECK_LIMIT);
+        std::vector<quorvex_testing::Hit> predicted =
+            quorvex_testing::reference_search(reference, keyword, reference_key(keyword).characters[0], CHECK_LIMIT);
         bool order_agrees = predicted.size() == found.size();
         for (size_t i = 0; order_agrees && i < found.size(); ++i) {
-            order_agrees = keys[predicted[i]] == found[i];
+            order_agrees = predicted[i].key == found[i];
         }
 
         if (!sets_agree || !order_agrees) {
@@ -232,36 +201,20 @@ Agreement check_agreement(IndexReader& reader, const std::vector<std::string>& k
 // keys over them, and the keywords. Made once, on first use; the directory
 // goes when the fixture does.
 struct Fixture {
-    std::string directory;
+    quorvex_testing::TemporaryDirectory temporary;
+    std::string directory = temporary.path;
     uint64_t file_bytes = 0;
     std::vector<std::string> keys;  // byte order, as the index holds them
     std::vector<std::string> keywords;
     Rc<IndexReader> reader;
     Agreement agreement;
-
-    Fixture() = default;
-    Fixture(const Fixture&) = delete;
-    Fixture& operator=(const Fixture&) = delete;
-
-    ~Fixture() {
-        if (!this->directory.empty()) {
-            std::error_code ignored;
-            std::filesystem::remove_all(this->directory, ignored);
-        }
-    }
 };
-
-std::string make_temporary_directory() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "quorvex_bench_reader.XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) {
-        throw std::runtime_error("cannot create a directory like " + pattern);
-    }
-    return pattern;
-}
 
 std::unique_ptr<Fixture> make_fixture() {
     auto fixture = std::make_unique<Fixture>();
-    fixture->directory = make_temporary_directory();
+    if (fixture->directory.empty()) {
+        throw std::runtime_error("cannot create a temporary directory");
+    }
     {
         // The items (about 450 MB) and the writer live only for the build.
         Lexarium::Bench::ItemSet set = Lexarium::Bench::generate_items(ITEM_COUNT);

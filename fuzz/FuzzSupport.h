@@ -1,7 +1,8 @@
 // Shared by the fuzz targets and the seed maker: reading an input as a
-// stream of bytes, UTF-8 read and written by hand, the brute-force search the
-// targets compare the reader with, and the checks every search result must
-// pass. Header only, so each target stays one source file plus this.
+// stream of bytes, text taken apart leniently, and the checks every search
+// result must pass; the brute-force search the targets compare the reader
+// with is quorvex_testing's. Header only, so each target stays one source
+// file plus this.
 #ifndef QUORVEX_FUZZ_SUPPORT_H
 #define QUORVEX_FUZZ_SUPPORT_H
 
@@ -14,25 +15,19 @@
 #include <string>
 #include <vector>
 
+#include "QuorvexTesting.h"
 #include "Reader/IndexReader.h"
 #include "TypeDefinitions.h"
 #include "Utf8.h"
 
 namespace quorvex_fuzz {
 
+using namespace quorvex_testing;
+
 // Stops the process with a message; libFuzzer saves the input as a crasher.
 [[noreturn]] inline void fail(const std::string& message) {
     std::fprintf(stderr, "quorvex fuzz: %s\n", message.c_str());
     std::abort();
-}
-
-inline std::string hex(const std::string& bytes) {
-    std::string out;
-    for (unsigned char byte : bytes) {
-        out += "0123456789abcdef"[byte >> 4];
-        out += "0123456789abcdef"[byte & 15];
-    }
-    return out;
 }
 
 // The input read front to back. Past its end every read yields zeros, so a
@@ -67,6 +62,9 @@ private:
 
 inline void append_utf8(std::string& out, uint32_t code_point) { Lexarium::Utf8::append(out, code_point); }
 
+// make_bytes, under the name that says why the targets use it.
+inline Rc<ByteArray> exact_copy(const std::vector<uint8_t>& bytes) { return make_bytes(bytes); }
+
 // A character of U+0001..U+FFFE: mostly one of `alphabet` (few characters,
 // so that substrings repeat across keys), now and then any at all.
 template <size_t N>
@@ -79,157 +77,31 @@ uint32_t pick_character(ByteSource& in, const uint32_t (&alphabet)[N]) {
     return code_point == 0 ? 1 : code_point == 0xFFFF ? 0xFFFE : code_point;
 }
 
-// Reads one UTF-8 character at text[i]: shortest form, at most U+10FFFF,
-// surrogates allowed (the reader's keyword decoder takes them too). Returns
-// its size, or 0 for anything else.
-inline size_t read_character(const std::string& text, size_t i, uint32_t* code_point) {
-    uint8_t lead = static_cast<uint8_t>(text[i]);
-    size_t size = lead < 0x80 ? 1 : lead < 0xC2 ? 0 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : lead < 0xF5 ? 4 : 0;
-    if (size == 0 || i + size > text.size()) {
-        return 0;
-    }
-    uint32_t value = size == 1 ? lead : lead & (0x7F >> size);
-    for (size_t j = 1; j < size; ++j) {
-        uint8_t next = static_cast<uint8_t>(text[i + j]);
-        if ((next & 0xC0) != 0x80) {
-            return 0;
-        }
-        value = (value << 6) | (next & 0x3F);
-    }
-    if ((size == 3 && value < 0x800) || (size == 4 && (value < 0x10000 || value > 0x10FFFF))) {
-        return 0;
-    }
-    *code_point = value;
-    return size;
-}
-
-// The characters of arbitrary bytes and the byte offset of each: a byte
-// that starts no valid character stands for itself (as U+0000..U+00FF).
+// The characters of arbitrary bytes: a byte that starts no valid character
+// (as Utf8::read_character reads them) stands for itself, as U+0000..U+00FF.
 // True when there was no such byte.
-inline bool decode(const std::string& text, std::vector<uint32_t>* code_points, std::vector<size_t>* starts) {
+inline bool decode(const std::string& text, std::vector<uint32_t>* code_points) {
     bool well_formed = true;
     code_points->clear();
-    starts->clear();
+    const uint8_t* bytes = reinterpret_cast<const uint8_t*>(text.data());
     for (size_t i = 0; i < text.size();) {
-        uint32_t code_point = static_cast<uint8_t>(text[i]);
-        size_t size = read_character(text, i, &code_point);
+        uint32_t code_point = bytes[i];
+        size_t size = Lexarium::Utf8::read_character(bytes + i, text.size() - i, code_point);
         well_formed = well_formed && size != 0;
         code_points->push_back(code_point);
-        starts->push_back(i);
         i += size == 0 ? 1 : size;
     }
     return well_formed;
-}
-
-// Decodes a stored key the way the index lists it: every character must be
-// U+0001..U+FFFE.
-inline bool decode_indexable(const std::string& text, std::vector<uint32_t>* code_points, std::vector<size_t>* starts) {
-    bool ok = decode(text, code_points, starts);
-    for (uint32_t code_point : *code_points) {
-        ok = ok && code_point != 0 && code_point <= 0xFFFE;
-    }
-    return ok;
 }
 
 // The characters of bytes that need not be UTF-8, for cutting keywords out
 // of keys; zero bytes are dropped.
 inline std::vector<uint32_t> decode_leniently(const std::string& text) {
     std::vector<uint32_t> code_points;
-    std::vector<size_t> starts;
-    decode(text, &code_points, &starts);
+    decode(text, &code_points);
     code_points.erase(std::remove(code_points.begin(), code_points.end(), 0u), code_points.end());
     return code_points;
 }
-
-// Whole characters from `from`, at most `count`, while the text stays
-// within the 254 bytes a keyword may have.
-inline std::string encode_within(const std::vector<uint32_t>& code_points, size_t from, size_t count) {
-    std::string out;
-    for (size_t i = from; i < code_points.size() && i < from + count; ++i) {
-        std::string character;
-        append_utf8(character, code_points[i]);
-        if (out.size() + character.size() > 254) {
-            break;
-        }
-        out += character;
-    }
-    return out;
-}
-
-inline std::vector<uint8_t> concatenate(const std::vector<Rc<ByteArray>>& chunks) {
-    std::vector<uint8_t> bytes;
-    for (const Rc<ByteArray>& chunk : chunks) {
-        bytes.insert(bytes.end(), chunk->data, chunk->data + chunk->length);
-    }
-    return bytes;
-}
-
-// An allocation of exactly the size of `bytes`, so that a read one byte past
-// it is a sanitizer report.
-inline Rc<ByteArray> exact_copy(const std::vector<uint8_t>& bytes) {
-    Rc<ByteArray> array(new ByteArray(static_cast<uint32>(bytes.size())));
-    if (!bytes.empty()) {
-        std::memcpy(array->data, bytes.data(), bytes.size());
-    }
-    return array;
-}
-
-// One key as the brute-force search sees it.
-struct ReferenceKey {
-    std::string stored;                // the key's bytes in key.bin
-    std::vector<uint32_t> characters;  // every character the index lists it under, by position
-    std::vector<size_t> starts;        // byte offset in `stored` of each stored character
-    std::string value;
-};
-
-// A key added with `characters`, as key.bin holds it: whole characters
-// while it fits in 254 bytes.
-inline ReferenceKey reference_key(const std::vector<uint32_t>& characters, const std::string& value) {
-    ReferenceKey key{encode_within(characters, 0, characters.size()), characters, {}, value};
-    std::vector<uint32_t> stored;
-    decode(key.stored, &stored, &key.starts);
-    return key;
-}
-
-struct Hit {
-    std::string key;
-    std::string value;
-    bool operator==(const Hit& other) const { return key == other.key && value == other.value; }
-};
-
-// The search by its rules alone, over `keys` in posting-list order: position
-// by position, every key whose character at that position is the keyword's
-// first and whose stored text holds the keyword's bytes from there. Each
-// position is asked for what is still missing (modulo 2^16) and checks after
-// appending, so limit 0 yields at most the first hit at position 0.
-inline std::vector<Hit> reference_search(const std::vector<ReferenceKey>& keys, const std::string& keyword,
-                                         uint32_t first, uint16_t limit) {
-    std::vector<Hit> hits;
-    uint32_t total = 0;
-    for (uint32_t position = 0; position <= 254 && (position == 0 || total < limit); ++position) {
-        uint16_t wanted = static_cast<uint16_t>(limit - total);
-        uint16_t found = 0;
-        for (const ReferenceKey& key : keys) {
-            if (position >= key.characters.size() || key.characters[position] != first) {
-                continue;
-            }
-            // A character past the stored text (a shortened key) starts at
-            // its end, where no keyword fits.
-            size_t start = position < key.starts.size() ? key.starts[position] : key.stored.size();
-            if (key.stored.compare(start, keyword.size(), keyword) != 0) {
-                continue;
-            }
-            hits.push_back(Hit{key.stored, key.value});
-            if (++found >= wanted) {
-                break;
-            }
-        }
-        total += found;
-    }
-    return hits;
-}
-
-typedef Rc<std::vector<Rc<Lexarium::Reader::SearchResult>>> Results;
 
 inline bool lies_inside(const ByteArray& view, const ByteArray& blob) {
     uintptr_t begin = reinterpret_cast<uintptr_t>(blob.data);

@@ -15,10 +15,10 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
+
+#include "QuorvexTesting.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 extern "C" size_t quorvex_fuzz_searched_inputs();
@@ -61,15 +61,15 @@ int main(int argc, char** argv) {
     }
 
     for (const std::filesystem::path& input : inputs) {
-        std::ifstream file(input, std::ios::binary);
-        std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-        if (!file || file.bad()) {
+        bool readable = false;
+        std::string bytes = quorvex_testing::file_contents(input, &readable);
+        if (!readable) {
             std::fprintf(stderr, "%s: %s: cannot be read\n", argv[0], input.c_str());
             return 1;
         }
         std::printf("%s\n", input.c_str());
         std::fflush(stdout);
-        LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
+        LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
     }
     size_t searched = quorvex_fuzz_searched_inputs();
     std::printf("replayed %zu input(s), %zu reached a search\n", inputs.size(), searched);

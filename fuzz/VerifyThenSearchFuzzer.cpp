@@ -300,8 +300,7 @@ Generated generate(ByteSource& in, bool loose) {
         key_offsets.push_back(key_offset);
 
         std::vector<uint32_t> characters;
-        std::vector<size_t> starts;
-        if (!decode_indexable(key, &characters, &starts)) {
+        if (!Lexarium::Utf8::decode_indexable(reinterpret_cast<const uint8_t*>(key.data()), key.size(), characters)) {
             out.keys_indexable = false;
             characters = decode_leniently(key);
         }
@@ -402,39 +401,20 @@ std::string describe(const IndexVerification& result) {
 
 // ---- Searching ----
 
-struct KeyRecord {
-    std::string text;
-    uint32_t data_pointer;
-};
-
-// The key records of a blob the verifier accepted, which tile it.
-std::vector<KeyRecord> key_records(const ByteArray& key) {
-    std::vector<KeyRecord> records;
-    for (size_t offset = 0; offset + 5 <= key.length;) {
-        size_t length = key.data[offset + 4];
-        if (offset + 5 + length > key.length) {
-            break;
-        }
-        records.push_back(KeyRecord{std::string(reinterpret_cast<const char*>(key.data + offset + 5), length),
-                                    Lexarium::LittleEndian::load_u32(key.data + offset)});
-        offset += 5 + length;
-    }
-    return records;
-}
-
 // What the brute-force search needs of a set the deep checks accepted: the
 // keys in key.bin order (the order of every posting list), each listed for
 // exactly its stored characters.
-std::vector<ReferenceKey> reference_keys(const std::vector<KeyRecord>& records, const ByteArray& data) {
+std::vector<ReferenceKey> reference_keys(const KeyRecords& records, const ByteArray& data) {
     std::vector<ReferenceKey> keys;
-    for (const KeyRecord& record : records) {
+    for (const auto& [data_pointer, text] : records) {
         ReferenceKey key;
-        key.stored = record.text;
-        if (!decode_indexable(record.text, &key.characters, &key.starts)) {
-            fail("the deep checks accepted the key " + hex(record.text) + ", which is not indexable UTF-8");
+        key.stored = text;
+        if (!Lexarium::Utf8::decode_indexable(reinterpret_cast<const uint8_t*>(text.data()), text.size(),
+                                              key.characters)) {
+            fail("the deep checks accepted the key " + hex(text) + ", which is not indexable UTF-8");
         }
-        uint32_t length = Lexarium::LittleEndian::load_u16(data.data + record.data_pointer);
-        key.value.assign(reinterpret_cast<const char*>(data.data + record.data_pointer + 2), length);
+        uint32_t length = Lexarium::LittleEndian::load_u16(data.data + data_pointer);
+        key.value.assign(reinterpret_cast<const char*>(data.data + data_pointer + 2), length);
         keys.push_back(std::move(key));
     }
     return keys;
@@ -442,13 +422,13 @@ std::vector<ReferenceKey> reference_keys(const std::vector<KeyRecord>& records, 
 
 // Keywords cut from the stored keys. With query bytes left, they choose the
 // kind, the key and the place; without, a fixed round of each kind.
-std::vector<std::string> keywords_for(const std::vector<KeyRecord>& records, ByteSource& query) {
+std::vector<std::string> keywords_for(const KeyRecords& records, ByteSource& query) {
     const bool chosen = !query.empty();
     auto pick = [&](size_t bound, size_t fallback) { return (chosen ? query.u8() : fallback) % bound; };
     std::vector<std::string> keywords;
     for (size_t round = 0; round < 7; ++round) {
         size_t kind = pick(7, round);
-        std::string text = records.empty() ? std::string("a") : records[pick(records.size(), round)].text;
+        std::string text = records.empty() ? std::string("a") : records[pick(records.size(), round)].second;
         std::vector<uint32_t> characters = decode_leniently(text);
         if (characters.empty()) {
             characters.push_back('a');
@@ -496,7 +476,7 @@ std::vector<std::string> keywords_for(const std::vector<KeyRecord>& records, Byt
 
 void search_file_set(const Rc<ByteArray> (&blobs)[4], bool deep_sound, ByteSource& query) {
     Rc<IndexReader> reader = IndexReader::from_bytes(blobs[0], blobs[1], blobs[2], blobs[3]);
-    std::vector<KeyRecord> records = key_records(*blobs[2]);
+    KeyRecords records = key_records(blobs[2]->data, blobs[2]->length);
     std::vector<ReferenceKey> reference;
     if (deep_sound) {
         reference = reference_keys(records, *blobs[3]);
@@ -505,8 +485,7 @@ void search_file_set(const Rc<ByteArray> (&blobs)[4], bool deep_sound, ByteSourc
     const uint16_t limits[] = {0, 1, 2, 65535, query.u16()};
     for (const std::string& keyword : keywords) {
         std::vector<uint32_t> characters;
-        std::vector<size_t> starts;
-        bool well_formed = decode(keyword, &characters, &starts);
+        bool well_formed = decode(keyword, &characters);
         uint32_t first = characters.empty() ? 0 : characters[0];
         for (uint16_t limit : limits) {
             Results results;

@@ -11,22 +11,11 @@
 #include "WriterTestSupport.h"
 
 using Lexarium::Reader::IndexReader;
-using Lexarium::Reader::SearchResult;
 using namespace quorvex_test;
 
 namespace {
 
 const uint32 ALPHABET[] = {'a', 'e', 'n', 's', 0xE4, 0xDF, 0x430, 0x4E2D};
-
-// Each search as the list of key records it returned.
-std::vector<const uint8*> keys_found(IndexReader& reader, const std::string& keyword, uint16 limit) {
-    Rc<std::vector<Rc<SearchResult>>> results = reader.search(keyword, limit);
-    std::vector<const uint8*> keys;
-    for (const Rc<SearchResult>& result : *results) {
-        keys.push_back(result->key->data);
-    }
-    return keys;
-}
 
 }  // namespace
 
@@ -45,13 +34,7 @@ TEST(ConcurrentSearch, ThreadsSharingOneReaderGetWhatALoneSearchGets) {
     std::vector<std::string> keywords;
     for (int i = 0; i < 200; ++i) {
         const std::string& key = items[random() % items.size()].first;
-        std::vector<size_t> starts;
-        for (size_t b = 0; b < key.size(); ++b) {
-            if ((static_cast<uint8>(key[b]) & 0xC0) != 0x80) {
-                starts.push_back(b);
-            }
-        }
-        starts.push_back(key.size());
+        std::vector<size_t> starts = character_starts(key);
         // One to five whole characters from anywhere in the key.
         size_t first = random() % (starts.size() - 1);
         size_t last = std::min(starts.size() - 1, first + 1 + random() % 5);
@@ -61,7 +44,7 @@ TEST(ConcurrentSearch, ThreadsSharingOneReaderGetWhatALoneSearchGets) {
     std::vector<std::vector<const uint8*>> expected;
     for (const std::string& keyword : keywords) {
         for (uint16 limit : limits) {
-            expected.push_back(keys_found(*reader, keyword, limit));
+            expected.push_back(key_pointers(*reader->search(keyword, limit)));
         }
     }
 
@@ -74,7 +57,7 @@ TEST(ConcurrentSearch, ThreadsSharingOneReaderGetWhatALoneSearchGets) {
                     // Each thread walks the keywords from a different start.
                     size_t i = (k + static_cast<size_t>(t) * 50) % keywords.size();
                     for (size_t l = 0; l < std::size(limits); ++l) {
-                        if (keys_found(*reader, keywords[i], limits[l]) != expected[i * std::size(limits) + l]) {
+                        if (key_pointers(*reader->search(keywords[i], limits[l])) != expected[i * std::size(limits) + l]) {
                             ++mismatches[t];
                         }
                     }

@@ -1,14 +1,13 @@
 // The search compared, element for element, with a brute-force reference
-// written from the rules alone (the fuzz targets' reference_search: every
-// key at every character position, with no index at all) and with the
-// literal position-by-position walk.
+// written from the rules alone (reference_search, which the fuzz targets
+// use too: every key at every character position, with no index at all)
+// and with the literal position-by-position walk.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <map>
 #include <random>
 
-#include "FuzzSupport.h"
 #include "Reader/IndexReader.h"
 #include "WriterTestSupport.h"
 
@@ -16,54 +15,13 @@ using Lexarium::Reader::IndexReader;
 using Lexarium::Writer::IndexWriter;
 using namespace quorvex_test;
 
-namespace quorvex_fuzz {
-void PrintTo(const Hit& hit, std::ostream* out) { *out << testing::PrintToString(hit.key); }
-}  // namespace quorvex_fuzz
-
 namespace {
 
 // One-, two- and three-byte characters; few enough that substrings repeat.
 const uint32 ALPHABET[] = {'a', 'b', 'n', 0xE9, 0xFC, 0x436, 0x4E2D, 0x6587};
 
-using quorvex_fuzz::Hit;
-using quorvex_fuzz::ReferenceKey;
-
 // Keys by their full text, each as key.bin holds it.
 using Keys = std::map<std::string, ReferenceKey>;
-
-std::vector<Hit> library_search(IndexReader& reader, const std::string& keyword, uint16 limit) {
-    std::vector<Hit> hits;
-    quorvex_fuzz::Results results = reader.search(keyword, limit);
-    for (const auto& result : *results) {
-        hits.push_back(Hit{std::string(reinterpret_cast<const char*>(result->key->data), result->key->length),
-                           std::string(reinterpret_cast<const char*>(result->value->data), result->value->length)});
-    }
-    return hits;
-}
-
-// The records the search found, and those of the search done literally, one
-// position at a time through the public one-position search, as the
-// two-argument search is defined to behave.
-std::pair<std::vector<const uint8*>, std::vector<const uint8*>> fast_and_literal(IndexReader& reader,
-                                                                                 const std::string& keyword,
-                                                                                 uint16 limit) {
-    std::vector<Rc<Lexarium::Reader::SearchResult>> walked;
-    uint32 total = 0;
-    uint32 visited = 0;
-    for (uint32 position = 0; position <= 254 && (position == 0 || total < limit); ++position) {
-        total += reader.search(keyword, static_cast<uint16>(limit - total), &walked, visited,
-                               static_cast<uint8>(position));
-    }
-    std::pair<std::vector<const uint8*>, std::vector<const uint8*>> keys;
-    quorvex_fuzz::Results results = reader.search(keyword, limit);
-    for (const auto& result : *results) {
-        keys.first.push_back(result->key->data);
-    }
-    for (const auto& result : walked) {
-        keys.second.push_back(result->key->data);
-    }
-    return keys;
-}
 
 // Random keys over the first `letters` characters of ALPHABET.
 Keys random_keys(std::mt19937& random, size_t count, size_t letters, int round) {
@@ -79,7 +37,7 @@ Keys random_keys(std::mt19937& random, size_t count, size_t letters, int round) 
         // Now and then a value long enough to move the later value records.
         std::string value = std::to_string(round) + "/" + std::to_string(i);
         value += std::string(i % 7 == 3 ? 150 + i : 0, 'v');
-        keys[full] = quorvex_fuzz::reference_key(code_points, value);
+        keys[full] = reference_key(code_points, value);
     }
     return keys;
 }
@@ -113,13 +71,14 @@ size_t compare_searches(const Keys& keys, std::mt19937& random, int queries, siz
                 code_points.push_back(ALPHABET[random() % std::size(ALPHABET)]);
             }
         }
-        std::string keyword = quorvex_fuzz::encode_within(code_points, 0, code_points.size());
+        std::string keyword = encode_within(code_points, 0, code_points.size());
         for (uint16 limit : {0, 1, 2, 3, 20, 65535}) {
             SCOPED_TRACE("keyword " + testing::PrintToString(keyword) + ", limit " + std::to_string(limit));
-            std::vector<Hit> expected = quorvex_fuzz::reference_search(reference, keyword, code_points[0], limit);
-            EXPECT_EQ(library_search(*reader, keyword, limit), expected);
-            auto [fast, literal] = fast_and_literal(*reader, keyword, limit);
-            EXPECT_EQ(fast, literal);  // the same records, element for element
+            std::vector<Hit> expected = reference_search(reference, keyword, code_points[0], limit);
+            Results results = reader->search(keyword, limit);
+            EXPECT_EQ(result_hits(*results), expected);
+            // The same records, element for element.
+            EXPECT_EQ(key_pointers(*results), literal_walk(*reader, keyword, limit));
             if (testing::Test::HasFailure()) {
                 return 0;
             }

@@ -11,7 +11,7 @@
 #include "TestSupport.h"
 
 using Lexarium::Reader::IndexReader;
-using Lexarium::Reader::SearchResult;
+using namespace quorvex_testing;
 
 namespace {
 
@@ -21,33 +21,12 @@ const std::string DICTIONARY = "/usr/share/dictd/freedict-deu-eng.index";
 // The stored keys of key.bin, each split into its UTF-8 characters.
 std::vector<std::vector<std::string>> stored_keys(const ByteArray& key_bytes) {
     std::vector<std::vector<std::string>> keys;
-    for (uint32 offset = 0; offset + 5 <= key_bytes.length;) {
+    for (const auto& [data_pointer, text] : key_records(key_bytes.data, key_bytes.length)) {
+        std::vector<size_t> starts = character_starts(text);
         std::vector<std::string>& characters = keys.emplace_back();
-        for (uint32 end = offset + 5 + key_bytes.data[offset + 4], i = offset + 5; i < end; ++i) {
-            if ((key_bytes.data[i] & 0xC0) != 0x80 || characters.empty()) characters.emplace_back();
-            characters.back() += static_cast<char>(key_bytes.data[i]);
-        }
-        offset += 5 + key_bytes.data[offset + 4];
+        for (size_t i = 0; i + 1 < starts.size(); ++i) characters.push_back(text.substr(starts[i], starts[i + 1] - starts[i]));
     }
     return keys;
-}
-
-std::vector<const uint8*> key_pointers(const std::vector<Rc<SearchResult>>& results) {
-    std::vector<const uint8*> keys;
-    for (const auto& result : results) keys.push_back(result->key->data);
-    return keys;
-}
-
-// Positions 0 to 254 one at a time, each asking for what the limit leaves.
-std::vector<const uint8*> literal_walk(IndexReader& reader, const std::string& keyword, uint16 limit) {
-    std::vector<Rc<SearchResult>> results;
-    uint32 total = 0, visited = 0;
-    for (uint32 position = 0; position <= 254; ++position) {
-        total += reader.search(keyword, static_cast<uint16>(limit - total), &results, visited,
-                               static_cast<uint8>(position));
-        if (total >= limit) break;
-    }
-    return key_pointers(results);
 }
 
 }  // namespace
@@ -56,7 +35,7 @@ TEST(SearchRealDictionary, AgreesWithTheLiteralWalkOnFreeDictGermanEnglish) {
     if (!std::filesystem::exists(DICTIONARY)) {
         GTEST_SKIP() << DICTIONARY << " is missing; Debian's dict-freedict-deu-eng package provides it";
     }
-    quorvex_test::TemporaryDirectory directory;
+    TemporaryDirectory directory;
     ASSERT_FALSE(directory.path.empty());
     const std::string index = directory.path + "/index";
     ASSERT_EQ(quorvex_test::exit_status(quorvex_test::start_process(

@@ -2,10 +2,7 @@
 #define QUORVEX_TESTS_TEST_SUPPORT_H
 
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <initializer_list>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -13,15 +10,18 @@
 #include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "QuorvexTesting.h"
 #include "TypeDefinitions.h"
 
 extern "C" char** environ;
 
 namespace quorvex_test {
+
+using namespace quorvex_testing;
+using quorvex_testing::make_bytes;
 
 // A regular expression that matches `text` literally.
 inline std::string literal(const std::string& text) {
@@ -54,15 +54,6 @@ inline const std::string& borrow_failure() {
     return message;
 }
 
-// A new owning array holding `bytes`.
-inline Rc<ByteArray> make_bytes(const std::vector<uint8>& bytes) {
-    Rc<ByteArray> array(new ByteArray(static_cast<uint32>(bytes.size())));
-    if (!bytes.empty()) {
-        std::memcpy(array->data, bytes.data(), bytes.size());
-    }
-    return array;
-}
-
 inline Rc<ByteArray> make_bytes(std::initializer_list<uint8> bytes) {
     return make_bytes(std::vector<uint8>(bytes));
 }
@@ -89,14 +80,6 @@ inline std::string repeat(const std::string& text, size_t times) {
     }
     return out;
 }
-
-// The bytes of the file at `path`; empty when it cannot be read.
-inline std::string file_contents(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-inline void make_file(const std::string& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
 
 // Starts the program `args[0]` with `args`, stdin from /dev/null, stdout
 // written to `out` (/dev/null when null) and stderr to `err` (inherited
@@ -131,29 +114,6 @@ inline int exit_status(pid_t child) {
     bool exited = child > 0 && ::waitpid(child, &status, 0) == child && WIFEXITED(status);
     return exited ? WEXITSTATUS(status) : -1;
 }
-
-// A fresh directory under the system's temporary directory, removed with
-// everything in it (even if a test made it read-only) at the end of scope.
-class TemporaryDirectory {
-public:
-    TemporaryDirectory() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "quorvex-test-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) != nullptr) {
-            this->path = pattern;
-        }
-    }
-    ~TemporaryDirectory() {
-        ::chmod(this->path.c_str(), 0700);
-        std::error_code ignored;
-        std::filesystem::remove_all(this->path, ignored);
-    }
-    TemporaryDirectory(const TemporaryDirectory&) = delete;
-    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-
-    std::string operator/(const std::string& name) const { return this->path + "/" + name; }
-
-    std::string path;
-};
 
 }  // namespace quorvex_test
 

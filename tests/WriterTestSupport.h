@@ -21,14 +21,6 @@ struct Blobs {
     std::vector<uint8> data;
 };
 
-inline std::vector<uint8> concatenate(const std::vector<Rc<ByteArray>>& chunks) {
-    std::vector<uint8> bytes;
-    for (const Rc<ByteArray>& chunk : chunks) {
-        bytes.insert(bytes.end(), chunk->data, chunk->data + chunk->length);
-    }
-    return bytes;
-}
-
 inline Blobs blobs_of(const Rc<Lexarium::Writer::_IndexData>& built) {
     return Blobs{concatenate(built->table_chunks), concatenate(built->index_chunks), concatenate(built->key_chunks),
                  concatenate(built->data_chunks)};
@@ -63,10 +55,6 @@ inline std::vector<uint8> table_blob(const Rows& rows) {
 
 typedef std::vector<std::pair<std::string, std::string>> Items;
 
-inline Rc<ByteArray> bytes_of(const std::string& text) {
-    return make_bytes(std::vector<uint8>(text.begin(), text.end()));
-}
-
 // Adds `items` in the order given to a fresh writer and builds it.
 inline Blobs build(const Items& items) {
     Lexarium::Writer::IndexWriter writer;
@@ -82,12 +70,7 @@ inline Rc<Lexarium::Reader::IndexReader> reader_of(const Blobs& blobs) {
                                                      make_bytes(blobs.key), make_bytes(blobs.data));
 }
 
-// UTF-8 of code point `code_point` (below U+110000).
-inline std::string utf8(uint32 code_point) {
-    std::string out;
-    Lexarium::Utf8::append(out, code_point);
-    return out;
-}
+inline std::string utf8(uint32 code_point) { return Lexarium::Utf8::encode(code_point); }
 
 }  // namespace quorvex_test
 

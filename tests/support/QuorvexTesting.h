@@ -1,0 +1,239 @@
+// What the tests, the fuzz targets and the benchmarks share (the
+// quorvex_testing library): byte arrays, whole files and temporary
+// directories, and the brute-force search the library's search is compared
+// with. Header only: each program links the build of the library it needs
+// (the fuzz targets an instrumented one).
+#ifndef QUORVEX_TESTING_H
+#define QUORVEX_TESTING_H
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <ostream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include "LittleEndian.h"
+#include "Reader/IndexReader.h"
+#include "TypeDefinitions.h"
+#include "Utf8.h"
+
+namespace quorvex_testing {
+
+// A new owning array of exactly the size of `bytes`, so that a read one byte
+// past it is a sanitizer report.
+inline Rc<ByteArray> make_bytes(const std::vector<uint8>& bytes) {
+    Rc<ByteArray> array(new ByteArray(static_cast<uint32>(bytes.size())));
+    if (!bytes.empty()) {
+        std::memcpy(array->data, bytes.data(), bytes.size());
+    }
+    return array;
+}
+
+inline Rc<ByteArray> bytes_of(const std::string& text) { return make_bytes(std::vector<uint8>(text.begin(), text.end())); }
+
+inline std::vector<uint8> concatenate(const std::vector<Rc<ByteArray>>& chunks) {
+    std::vector<uint8> bytes;
+    for (const Rc<ByteArray>& chunk : chunks) {
+        bytes.insert(bytes.end(), chunk->data, chunk->data + chunk->length);
+    }
+    return bytes;
+}
+
+inline std::string hex(const std::string& bytes) {
+    std::string out;
+    for (unsigned char byte : bytes) {
+        out += "0123456789abcdef"[byte >> 4];
+        out += "0123456789abcdef"[byte & 15];
+    }
+    return out;
+}
+
+// The bytes of the file at `path`; empty, and `*readable` false, when it
+// cannot be opened.
+inline std::string file_contents(const std::string& path, bool* readable = nullptr) {
+    std::ifstream in(path, std::ios::binary);
+    std::string bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    if (readable != nullptr) {
+        *readable = in.is_open() && !in.bad();
+    }
+    return bytes;
+}
+
+inline void make_file(const std::string& path, const std::string& bytes) { std::ofstream(path, std::ios::binary) << bytes; }
+
+// A fresh directory under the system's temporary directory (`path` empty if
+// none could be made), removed with everything in it (even if a test made it
+// read-only) at the end of scope.
+class TemporaryDirectory {
+public:
+    TemporaryDirectory() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "quorvex-test-XXXXXX").string();
+        if (::mkdtemp(pattern.data()) != nullptr) {
+            this->path = pattern;
+        }
+    }
+    ~TemporaryDirectory() {
+        ::chmod(this->path.c_str(), 0700);
+        std::error_code ignored;
+        std::filesystem::remove_all(this->path, ignored);
+    }
+    TemporaryDirectory(const TemporaryDirectory&) = delete;
+    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+
+    std::string operator/(const std::string& name) const { return this->path + "/" + name; }
+
+    std::string path;
+};
+
+typedef std::vector<std::pair<uint32, std::string>> KeyRecords;  // (data pointer, stored text)
+
+// The key records of a key blob, in order, while they fit in it.
+inline KeyRecords key_records(const uint8* blob, size_t size) {
+    KeyRecords records;
+    for (size_t offset = 0; offset + 5 <= size && offset + 5 + blob[offset + 4] <= size; offset += 5 + blob[offset + 4]) {
+        records.emplace_back(Lexarium::LittleEndian::load_u32(blob + offset),
+                             std::string(reinterpret_cast<const char*>(blob + offset + 5), blob[offset + 4]));
+    }
+    return records;
+}
+
+// The byte offsets where the characters of `text` start, then text.size().
+inline std::vector<size_t> character_starts(const std::string& text) {
+    std::vector<size_t> starts;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (!Lexarium::Utf8::is_continuation(static_cast<uint8>(text[i]))) {
+            starts.push_back(i);
+        }
+    }
+    starts.push_back(text.size());
+    return starts;
+}
+
+// ---- The brute-force search --------------------------------------------
+
+// Whole characters from `from`, at most `count`, while the text stays
+// within the 254 bytes a keyword may have.
+inline std::string encode_within(const std::vector<uint32>& code_points, size_t from, size_t count) {
+    std::string out;
+    for (size_t i = from; i < code_points.size() && i < from + count; ++i) {
+        std::string character = Lexarium::Utf8::encode(code_points[i]);
+        if (out.size() + character.size() > 254) {
+            break;
+        }
+        out += character;
+    }
+    return out;
+}
+
+// One key as the brute-force search sees it.
+struct ReferenceKey {
+    std::string stored;              // the key's bytes in key.bin
+    std::vector<uint32> characters;  // every character the index lists it under, by position
+    std::string value;
+};
+
+// A key added with `characters`, as key.bin holds it: whole characters
+// while it fits in 254 bytes.
+inline ReferenceKey reference_key(const std::vector<uint32>& characters, const std::string& value) {
+    return ReferenceKey{encode_within(characters, 0, characters.size()), characters, value};
+}
+
+struct Hit {
+    std::string key;
+    std::string value;
+    bool operator==(const Hit& other) const { return key == other.key && value == other.value; }
+};
+
+inline std::ostream& operator<<(std::ostream& out, const Hit& hit) { return out << '"' << hit.key << '"'; }
+
+// The search by its rules alone, over `keys` in posting-list order: position
+// by position, every key whose character at that position is the keyword's
+// first and whose stored text holds the keyword's bytes from there. Each
+// position is asked for what is still missing (modulo 2^16) and checks after
+// appending, so limit 0 yields at most the first hit at position 0.
+inline std::vector<Hit> reference_search(const std::vector<ReferenceKey>& keys, const std::string& keyword,
+                                         uint32 first, uint16 limit) {
+    // Every key at every position first (one pass, so that large sets stay
+    // cheap), then the positions in order.
+    std::vector<std::vector<const ReferenceKey*>> at(255);
+    for (const ReferenceKey& key : keys) {
+        const uint8* stored = reinterpret_cast<const uint8*>(key.stored.data());
+        // A character past the stored text (a shortened key) starts at its
+        // end, where no keyword fits. A byte that starts no character
+        // stands for itself.
+        for (size_t position = 0, start = 0; position < key.characters.size() && position < at.size(); ++position) {
+            if (key.characters[position] == first && key.stored.compare(start, keyword.size(), keyword) == 0) {
+                at[position].push_back(&key);
+            }
+            uint32 ignored = 0;
+            size_t size = start < key.stored.size()
+                              ? Lexarium::Utf8::read_character(stored + start, key.stored.size() - start, ignored)
+                              : 0;
+            start = std::min(key.stored.size(), start + (size == 0 ? 1 : size));
+        }
+    }
+    std::vector<Hit> hits;
+    uint32 total = 0;
+    for (size_t position = 0; position < at.size() && (position == 0 || total < limit); ++position) {
+        uint16 wanted = static_cast<uint16>(limit - total);
+        uint16 found = 0;
+        for (const ReferenceKey* key : at[position]) {
+            hits.push_back(Hit{key->stored, key->value});
+            if (++found >= wanted) {
+                break;
+            }
+        }
+        total += found;
+    }
+    return hits;
+}
+
+typedef Rc<std::vector<Rc<Lexarium::Reader::SearchResult>>> Results;
+
+// Each result's key and value.
+inline std::vector<Hit> result_hits(const std::vector<Rc<Lexarium::Reader::SearchResult>>& results) {
+    std::vector<Hit> hits;
+    for (const auto& result : results) {
+        const ByteArray& key = *result->key;
+        const ByteArray& value = *result->value;
+        hits.push_back(Hit{std::string(reinterpret_cast<const char*>(key.data), key.length),
+                           std::string(reinterpret_cast<const char*>(value.data), value.length)});
+    }
+    return hits;
+}
+
+// The key records the results point at, to compare two searches element for
+// element.
+inline std::vector<const uint8*> key_pointers(const std::vector<Rc<Lexarium::Reader::SearchResult>>& results) {
+    std::vector<const uint8*> keys;
+    for (const auto& result : results) {
+        keys.push_back(result->key->data);
+    }
+    return keys;
+}
+
+// The search done literally, as the two-argument search is defined to
+// behave: positions 0 to 254 one at a time through the public one-position
+// search, each asked for what the limit leaves.
+inline std::vector<const uint8*> literal_walk(Lexarium::Reader::IndexReader& reader, const std::string& keyword,
+                                              uint16 limit) {
+    std::vector<Rc<Lexarium::Reader::SearchResult>> walked;
+    uint32 total = 0;
+    uint32 visited = 0;
+    for (uint32 position = 0; position <= 254 && (position == 0 || total < limit); ++position) {
+        total += reader.search(keyword, static_cast<uint16>(limit - total), &walked, visited,
+                               static_cast<uint8>(position));
+    }
+    return key_pointers(walked);
+}
+
+}  // namespace quorvex_testing
+
+#endif
