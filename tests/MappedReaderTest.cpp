@@ -198,6 +198,7 @@ TEST(MappedReaderDamage, NeverAbortsAndNamesTheFileOrStaysInsideIt) {
     const std::vector<std::string> keywords = damage_keywords();
     std::string error;
     size_t opened = 0, refused = 0;
+    uint64_t passed_over[4] = {};  // records the searches met outside their file, by the file at fault
 
     // Opens `work` and checks the outcome; `refusal` is the file whose name
     // a failure must carry, and nullptr when the open must succeed.
@@ -213,6 +214,9 @@ TEST(MappedReaderDamage, NeverAbortsAndNamesTheFileOrStaysInsideIt) {
         ++opened;
         EXPECT_TRUE(refusal == nullptr || may_fail) << "opened";
         expect_sane_searches(*reader, keywords);
+        IndexReader::Damage damage = reader->damage_passed_over();
+        uint64_t counts[4] = {damage.table, damage.index, damage.key, damage.data};
+        for (int f = 0; f < 4; ++f) passed_over[f] += counts[f];
     };
     auto restore = [&] {
         fs::remove_all(work);
@@ -319,10 +323,16 @@ TEST(MappedReaderDamage, NeverAbortsAndNamesTheFileOrStaysInsideIt) {
     EXPECT_NE(error.find("key.bin/table.bin"), std::string::npos) << error;
     EXPECT_TRUE(IndexReader::from_directory_mapped("", nullptr).is_null());  // no message wanted
 
-    // The test means something only if both outcomes were common.
+    // The test means something only if both outcomes were common and the
+    // searches met damage of every kind.
     EXPECT_GT(opened, 1000u);
     EXPECT_GT(refused, 1000u);
-    std::cout << opened << " damaged sets opened and searched, " << refused << " refused\n";
+    std::cout << opened << " damaged sets opened and searched, " << refused << " refused; records passed over:";
+    for (int f = 0; f < 4; ++f) {
+        EXPECT_GT(passed_over[f], 0u) << FILES[f];
+        std::cout << " " << FILES[f] << " " << passed_over[f];
+    }
+    std::cout << "\n";
 }
 
 // A file of 4 GiB or more cannot be addressed by the records' 32-bit
@@ -419,6 +429,8 @@ size_t expect_same_answers(IndexReader& mapped, IndexReader& read, const std::ve
         }
         EXPECT_EQ(hits_of(mapped_results), hits_of(read_results));
         walked -= walked > 0;
+        IndexReader::Damage damage = mapped.damage_passed_over();
+        EXPECT_EQ(damage.table + damage.index + damage.key + damage.data, 0u) << "damage found in a sound index";
         if (testing::Test::HasFailure()) break;
     }
     return with_hits;
