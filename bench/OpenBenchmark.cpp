@@ -11,6 +11,7 @@
 // bench/README.md ("Opening an index") says what each figure means.
 
 #include <malloc.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <chrono>
@@ -52,6 +53,7 @@ struct Options {
     int whole_opens = 10;  // whole-file opens per round
     int readers = 10;
     bool whole = false;  // memory: readers made by from_directory
+    int limit = 0;       // memory: search at this limit only (0: at 20 and at 65535)
     size_t keywords = 1000;
     int passes = 5;
 };
@@ -65,6 +67,7 @@ struct Options {
                  "  open:   --rounds N (5) --opens N (200 mapped opens per variant and round)\n"
                  "          --whole-opens N (10 from_directory opens per round)\n"
                  "  memory: --readers N (10) --whole (readers made by from_directory) --keywords N (1000)\n"
+                 "          --limit N (search at N only; both 20 and 65535 without it)\n"
                  "  search: --keywords N (1000) --passes N (5)\n");
     std::exit(2);
 }
@@ -95,6 +98,8 @@ Options parse(int argc, char** argv) {
             options.readers = static_cast<int>(number());
         } else if (argument == "--keywords") {
             options.keywords = static_cast<size_t>(number());
+        } else if (argument == "--limit") {
+            options.limit = static_cast<int>(std::min(number(), 65535L));
         } else if (argument == "--passes") {
             options.passes = static_cast<int>(number());
         } else if (argument == "--whole") {
@@ -171,15 +176,38 @@ std::vector<std::string> make_keywords(const std::string& directory, size_t coun
 
 // ---- open -------------------------------------------------------------------
 
+// Involuntary context switches of the calling thread so far: an open
+// during which this grows was taken off the CPU for another process.
+long preemptions() {
+    struct rusage usage;
+    return getrusage(RUSAGE_THREAD, &usage) == 0 ? usage.ru_nivcsw : 0;
+}
+
 struct OpenSamples {
     std::string name;
     std::vector<double> us;
+    std::vector<double> undisturbed_us;  // the opens that kept the CPU throughout
+
+    template <typename Open>
+    void time(Open&& open) {
+        long before = preemptions();
+        Clock::time_point start = Clock::now();
+        open();
+        double us = elapsed_us(start);
+        this->us.push_back(us);
+        if (preemptions() == before) {
+            this->undisturbed_us.push_back(us);
+        }
+    }
 };
 
 void print_samples(const OpenSamples& samples) {
     std::printf("%-34s %7zu opens  median %9.1f us  p99 %9.1f us  min %9.1f us  max %9.1f us\n",
                 samples.name.c_str(), samples.us.size(), percentile(samples.us, 0.5), percentile(samples.us, 0.99),
                 percentile(samples.us, 0), percentile(samples.us, 1));
+    std::printf("%-34s %7zu opens  median %9.1f us  p99 %9.1f us  (%zu preempted left out)\n", "  never preempted",
+                samples.undisturbed_us.size(), percentile(samples.undisturbed_us, 0.5),
+                percentile(samples.undisturbed_us, 0.99), samples.us.size() - samples.undisturbed_us.size());
 }
 
 // Each open is timed on its own; releasing the reader is not timed. Rounds
@@ -189,34 +217,27 @@ void print_samples(const OpenSamples& samples) {
 // files and walks table.bin again. A "second" open is made while another
 // mapped reader of the same files lives and shares its mapping.
 int run_open(const Options& options) {
-    OpenSamples very_first{"mapped, first of the process", {}};
-    OpenSamples first{"mapped, first (no reader alive)", {}};
-    OpenSamples second{"mapped, second (one reader alive)", {}};
-    OpenSamples whole{"from_directory (whole read)", {}};
+    OpenSamples very_first{"mapped, first of the process", {}, {}};
+    OpenSamples first{"mapped, first (no reader alive)", {}, {}};
+    OpenSamples second{"mapped, second (one reader alive)", {}, {}};
+    OpenSamples whole{"from_directory (whole read)", {}, {}};
 
-    Clock::time_point start = Clock::now();
-    Rc<IndexReader> reader = open_mapped(options.directory);
-    very_first.us.push_back(elapsed_us(start));
+    Rc<IndexReader> reader;
+    very_first.time([&] { reader = open_mapped(options.directory); });
     reader = Rc<IndexReader>();
 
     for (int round = 0; round < options.rounds; ++round) {
         for (int i = 0; i < options.whole_opens; ++i) {
-            start = Clock::now();
-            reader = IndexReader::from_directory(options.directory);
-            whole.us.push_back(elapsed_us(start));
+            whole.time([&] { reader = IndexReader::from_directory(options.directory); });
             reader = Rc<IndexReader>();
         }
         for (int i = 0; i < options.opens; ++i) {
-            start = Clock::now();
-            reader = open_mapped(options.directory);
-            first.us.push_back(elapsed_us(start));
+            first.time([&] { reader = open_mapped(options.directory); });
             reader = Rc<IndexReader>();
         }
         Rc<IndexReader> alive = open_mapped(options.directory);
         for (int i = 0; i < options.opens; ++i) {
-            start = Clock::now();
-            reader = open_mapped(options.directory);
-            second.us.push_back(elapsed_us(start));
+            second.time([&] { reader = open_mapped(options.directory); });
             if (reader->key_bytes->data != alive->key_bytes->data) {
                 throw std::logic_error("a second reader did not share the first one's mapping");
             }
@@ -235,10 +256,11 @@ int run_open(const Options& options) {
 // what a program that opens one index once pays. One sample per process;
 // scripts/measure-open.sh runs it many times.
 int run_first(const Options& options) {
+    long before = preemptions();
     Clock::time_point start = Clock::now();
     Rc<IndexReader> reader = open_mapped(options.directory);
     double us = elapsed_us(start);
-    std::printf("first mapped open of the process: %.1f us\n", us);
+    std::printf("first mapped open of the process: %.1f us%s\n", us, preemptions() == before ? "" : " preempted");
     return 0;
 }
 
@@ -265,18 +287,21 @@ void print_memory(const std::string& when) {
                 proc_kib("/proc/self/smaps_rollup", "Pss_Anon"), proc_kib("/proc/self/smaps_rollup", "Pss_File"));
 }
 
-uint64_t search_all(IndexReader& reader, const std::vector<std::string>& keywords) {
+uint64_t search_all(IndexReader& reader, const std::vector<std::string>& keywords, int only_limit) {
     uint64_t results = 0;
     for (const std::string& keyword : keywords) {
         for (uint16_t limit : LIMITS) {
-            results += reader.search(keyword, limit)->size();
+            results += reader.search(keyword, only_limit != 0 ? static_cast<uint16_t>(only_limit) : limit)->size();
+            if (only_limit != 0) {
+                break;
+            }
         }
     }
     return results;
 }
 
 // Resident memory of the whole process before any reader, after one reader
-// has answered every keyword at both limits, and after `readers` readers of
+// has answered every keyword at both limits (or at --limit), and after `readers` readers of
 // the same index (the first one among them) have each answered them all.
 // Results are freed as soon as they are counted.
 int run_memory(const Options& options) {
@@ -286,12 +311,13 @@ int run_memory(const Options& options) {
         return options.whole ? IndexReader::from_directory(options.directory) : open_mapped(options.directory);
     };
     const char* kind = options.whole ? "from_directory" : "mapped";
-    std::printf("memory %s, %s readers, %zu keywords at limits 20 and 65535\n", options.directory.c_str(), kind,
-                keywords.size());
+    std::string limits = options.limit != 0 ? "limit " + std::to_string(options.limit) : "limits 20 and 65535";
+    std::printf("memory %s, %s readers, %zu keywords at %s\n", options.directory.c_str(), kind, keywords.size(),
+                limits.c_str());
     print_memory("before any reader");
     std::vector<Rc<IndexReader>> readers;
     readers.push_back(open());
-    uint64_t first_results = search_all(*readers.front(), keywords);
+    uint64_t first_results = search_all(*readers.front(), keywords, options.limit);
     malloc_trim(0);
     print_memory("1 reader, keywords searched");
     long rss_one = proc_kib("/proc/self/status", "VmRSS");
@@ -300,7 +326,7 @@ int run_memory(const Options& options) {
         readers.push_back(open());
     }
     for (Rc<IndexReader>& reader : readers) {
-        if (search_all(*reader, keywords) != first_results) {
+        if (search_all(*reader, keywords, options.limit) != first_results) {
             throw std::logic_error("a reader of the same index answered differently");
         }
     }

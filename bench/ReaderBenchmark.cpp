@@ -1,5 +1,6 @@
 // Reader benchmarks on 500,000 generated dictionary items: loading an index
-// from its directory up to the first answer, search latency per keyword at
+// from its directory up to the first answer (read whole, and mapped with and
+// without another reader of it alive), search latency per keyword at
 // two limits, the same keywords answered by a plain scan over all keys, and
 // searches per second with one and two threads sharing one reader.
 // bench/README.md explains the counters.
@@ -349,6 +350,40 @@ void BM_ReaderLoadFromDirectory(benchmark::State& state) {
                                                             benchmark::Counter::kDefaults, benchmark::Counter::kIs1024);
 }
 
+// from_directory_mapped, then the same first search. With `alive` 0 no
+// other mapped reader of the files lives, so each open maps the four files
+// and walks table.bin: the first open of the index in a process. With 1 one
+// mapped reader lives throughout, and each open shares its mapping (the
+// second open). Dropping the reader runs with the timer paused.
+void BM_ReaderLoadMapped(benchmark::State& state) {
+    const Fixture* fixture = fixture_for(state);
+    if (fixture == nullptr) {
+        return;
+    }
+    std::string error;
+    Rc<IndexReader> alive;
+    if (state.range(0) != 0) {
+        alive = IndexReader::from_directory_mapped(fixture->directory, &error);
+    }
+    const std::string& keyword = fixture->keywords.front();
+    size_t first_results = 0;
+    for (auto _ : state) {
+        Rc<IndexReader> reader = IndexReader::from_directory_mapped(fixture->directory, &error);
+        if (reader.is_null()) {
+            state.SkipWithError(error.c_str());
+            break;
+        }
+        Results results = reader->search(keyword, FIRST_SEARCH_LIMIT);
+
+        state.PauseTiming();
+        first_results = results->size();
+        results = Results();
+        reader = Rc<IndexReader>();
+        state.ResumeTiming();
+    }
+    state.counters["first_results"] = static_cast<double>(first_results);
+}
+
 // Per-keyword latency of search(keyword, limit). One iteration is one pass
 // over all keywords; the iteration time is the sum of the timed calls, so
 // the bookkeeping between them and freeing the results are not in it.
@@ -459,6 +494,14 @@ BENCHMARK(BM_ReaderLoadFromDirectory)
     ->Repetitions(5)
     ->ReportAggregatesOnly(true)
     ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ReaderLoadMapped)
+    ->ArgName("alive")
+    ->Arg(0)
+    ->Arg(1)
+    ->Iterations(200)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly(true)
+    ->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ReaderSearch)->Apply(search_limits)->Iterations(5);
 BENCHMARK(BM_NaiveScan)->Apply(search_limits)->Iterations(3);
 BENCHMARK(BM_ReaderSearchThreads)->Threads(1)->Threads(2)->UseRealTime()->Unit(benchmark::kMillisecond);
