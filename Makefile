@@ -81,14 +81,15 @@ clean:
 # is saved in fuzz/crashers/TARGET/ and stops the run.
 FUZZ_SECONDS ?= 60
 FUZZ_PACKAGES := cmake make clang clang-14 libclang-rt-14-dev
+FUZZ_TARGETS := verify_then_search build_and_compare mapped_open_search
 
 .PHONY: fuzz
 fuzz:
 	@$(ENSURE) $(FUZZ_PACKAGES)
 	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	  -DQUORVEX_FUZZ=ON -DQUORVEX_BUILD_TOOLS=OFF -DQUORVEX_BUILD_TESTS=OFF $(CMAKE_ARGS)
-	cmake --build build-fuzz -j $(JOBS) --target fuzz_verify_then_search fuzz_build_and_compare
-	@set -e; for target in verify_then_search build_and_compare; do \
+	cmake --build build-fuzz -j $(JOBS) --target $(FUZZ_TARGETS:%=fuzz_%)
+	@set -e; for target in $(FUZZ_TARGETS); do \
 	  mkdir -p fuzz/crashers/$$target; \
 	  echo "fuzzing $$target for $(FUZZ_SECONDS) s"; \
 	  build-fuzz/fuzz/fuzz_$$target -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 -timeout=60 \

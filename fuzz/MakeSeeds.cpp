@@ -1,14 +1,16 @@
-// Writes the generated seed inputs of the two corpora:
+// Writes the generated seed inputs of the corpora:
 //
-//   quorvex_fuzz_seeds VERIFY_THEN_SEARCH_DIR BUILD_AND_COMPARE_DIR
+//   quorvex_fuzz_seeds VERIFY_THEN_SEARCH_DIR BUILD_AND_COMPARE_DIR [MAPPED_OPEN_SEARCH_DIR]
 //
 // For verify_then_search: file sets built by IndexWriter from a few items,
 // written in the raw layout of VerifyThenSearchFuzzer.cpp (once with the deep
 // flag, once without), one cut short so that the verifier has something to
 // refuse, and byte streams for the generated modes. For build_and_compare:
 // byte streams in that target's layout. (That corpus's hand-written item
-// seeds are committed as they are.) Each file is named seed-*, so the seeds
-// stay apart from the inputs a fuzzer adds.
+// seeds are committed as they are.) For mapped_open_search: the same item
+// sets in its sparse layout, sound and with the table cut or too long, and
+// the sets it builds itself, sound and with each kind of damage. Each file
+// is named seed-*, so the seeds stay apart from the inputs a fuzzer adds.
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
@@ -95,6 +97,45 @@ std::string raw_input(const Items& items, bool deep, const std::string& query, s
     return input + query;
 }
 
+// A sparse mapped_open_search input: flags, the table's non-empty rows,
+// the table's tail byte, then index.bin, key.bin and data.bin with their
+// lengths, then the query.
+std::string sparse_input(const Items& items, uint8_t flags, const std::string& query, uint8_t tail = 0) {
+    Lexarium::Writer::IndexWriter writer;
+    for (const auto& item : items) {
+        std::vector<uint8_t> value(item.second.begin(), item.second.end());
+        writer.add_word(item.first, quorvex_fuzz::exact_copy(value));
+    }
+    Rc<Lexarium::Writer::_IndexData> built = writer.to_bytes();
+    std::vector<uint8_t> table = quorvex_fuzz::concatenate(built->table_chunks);
+    std::string rows;
+    size_t count = 0;
+    for (size_t at = 0, code_point = 0; code_point < 65535; ++code_point) {
+        size_t size = 1 + 8 * size_t{table[at]};
+        if (table[at] != 0) {
+            rows += {static_cast<char>(code_point & 0xFF), static_cast<char>(code_point >> 8)};
+            rows.append(reinterpret_cast<const char*>(table.data() + at), size);
+            ++count;
+        }
+        at += size;
+    }
+    if (count > 255) {
+        fail("a seed of " + std::to_string(count) + " non-empty rows does not fit the layout");
+    }
+    std::string input = {static_cast<char>(flags), static_cast<char>(count)};
+    input += rows;
+    input += static_cast<char>(tail);
+    for (const std::vector<Rc<ByteArray>>* chunks : {&built->index_chunks, &built->key_chunks, &built->data_chunks}) {
+        std::vector<uint8_t> bytes = quorvex_fuzz::concatenate(*chunks);
+        if (bytes.size() > 0xFFFF) {
+            fail("a seed file of " + std::to_string(bytes.size()) + " bytes does not fit the layout");
+        }
+        input += {static_cast<char>(bytes.size() & 0xFF), static_cast<char>(bytes.size() >> 8)};
+        input.append(bytes.begin(), bytes.end());
+    }
+    return input + query;
+}
+
 // Bytes of a fixed pseudo-random sequence, for the generated modes.
 std::string stream(uint8_t flags, uint32_t seed, size_t length) {
     std::string out(1, static_cast<char>(flags));
@@ -108,8 +149,9 @@ std::string stream(uint8_t flags, uint32_t seed, size_t length) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: %s VERIFY_THEN_SEARCH_DIR BUILD_AND_COMPARE_DIR\n", argv[0]);
+    if (argc != 3 && argc != 4) {
+        std::fprintf(stderr, "usage: %s VERIFY_THEN_SEARCH_DIR BUILD_AND_COMPARE_DIR [MAPPED_OPEN_SEARCH_DIR]\n",
+                     argv[0]);
         return 2;
     }
     const std::string verify_dir = argv[1];
@@ -152,6 +194,32 @@ int main(int argc, char** argv) {
     for (uint32_t seed = 1; seed <= 4; ++seed) {
         std::string input = stream(static_cast<uint8_t>(seed * 3), seed * 104729, 60 * seed);
         write(build_dir, "stream-" + std::to_string(seed), input);
+    }
+    if (argc == 3) {
+        return 0;
+    }
+
+    const std::string mapped_dir = argv[3];
+    write(mapped_dir, "sparse-latin", sparse_input(latin, 0, ""));
+    write(mapped_dir, "sparse-latin-c", sparse_input(latin, 4, latin_query));
+    write(mapped_dir, "sparse-mixed", sparse_input(mixed, 0, "\x04\x01\x00\x03\x02\x01"));
+    write(mapped_dir, "sparse-long-keys", sparse_input(long_keys, 4, ""));
+    write(mapped_dir, "sparse-edges", sparse_input(edges, 0, ""));
+    write(mapped_dir, "sparse-empty", sparse_input({}, 0, ""));
+    write(mapped_dir, "sparse-latin-table-cut", sparse_input(latin, 0, "", 1));
+    write(mapped_dir, "sparse-latin-table-long", sparse_input(latin, 0, "", 2));
+    // The sets IndexWriter builds inside the target: as built, then each
+    // kind of damage (see MappedOpenFuzzer.cpp's damage()).
+    for (uint8_t set = 0; set < 32; set += 5) {
+        write(mapped_dir, "built-" + std::to_string(set), std::string{1, static_cast<char>(set)} + "\x00\x05\x11");
+    }
+    write(mapped_dir, "built-long-c", std::string{5, 31});
+    for (uint8_t kind = 0; kind < 8; ++kind) {
+        for (uint8_t file = 0; file < 4; ++file) {
+            std::string input = {2, static_cast<char>(kind * 4 + file), static_cast<char>(kind), static_cast<char>(file)};
+            write(mapped_dir, "damaged-" + std::to_string(kind) + "-" + std::to_string(file),
+                  input + stream(0, kind * 31u + file, 12).substr(1));
+        }
     }
     return 0;
 }

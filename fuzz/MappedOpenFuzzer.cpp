@@ -1,0 +1,817 @@
+// Fuzz target: whatever four files a directory holds, the mapped open
+// (IndexReader::from_directory_mapped, index_reader_new_mapped) either fails
+// with a message that names the culprit, or gives a reader whose searches
+// never stop the process nor read outside the files.
+//
+// Each input's files are written as new files into a fresh directory on a
+// tmpfs (/dev/shm, else $TMPDIR, else /tmp), so that a reader can never be
+// handed a mapping shared with an earlier input; every reader is released
+// and the directory removed before the input ends.
+//
+// Byte 0 of an input holds flags:
+//   bits 0-1  how the file set is made:
+//             0, 3  sparse: the files straight from the input (layout below);
+//             1     one of 32 sets IndexWriter built (next byte, modulo 32);
+//             2     the same, then damaged once (see damage()).
+//   bit 2     open the directory with index_reader_new_mapped too, while the
+//             C++ reader lives: it must share the C++ reader's mapping, so
+//             its results must be the very same views.
+//
+// Sparse layout after the flags:
+//   u8 n, then n rows: u16 code point (modulo 65535), u8 cells count c, then
+//     c cells of u32 offset, u32 entry count. Every row not listed is empty
+//     (one zero byte); a row listed twice takes its last description.
+//   u8 t: t % 4 == 1 cuts 1 + u16 bytes off the end of the table, t % 4 == 2
+//     appends 1 + u8 bytes, else the table stays 65535 rows.
+//   index.bin, key.bin, data.bin: each a u16 length and that many bytes.
+// Whatever the file set did not use chooses the keywords.
+//
+// The open must succeed exactly when all four are regular files, table.bin
+// is 65535 rows of at most 254 cells and index.bin holds at least its 4-byte
+// sentinel; a failure's message must name the directory or a file, and the
+// file at fault when there is one. A reader that opens is searched with four
+// keywords (pieces of key.bin's records, characters made of input bytes,
+// one character, a piece with a supplementary character, a whole key, the
+// empty keyword; always well-formed UTF-8 without NUL) at limits 0, 1, 2
+// and 65535, and with the one-position search at position 0 and one from
+// the input. Every result must be a view inside the mapped key.bin and
+// data.bin that holds the keyword, and no more results may come than the
+// limit allows (one for limit 0); under AddressSanitizer the bytes between
+// a file's end and the end of its last page are unreadable, so a read past
+// a file's end is reported. A set as IndexWriter built it must give what
+// from_bytes's reader of the same bytes gives; one with key.bin or data.bin
+// cut at a record boundary, that less the hits whose records were cut off;
+// and a set the deep checks accept, what the one-position search (the
+// search as defined) gives position by position.
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <map>
+#include <memory>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define QUORVEX_FUZZ_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define QUORVEX_FUZZ_ASAN 1
+#endif
+#endif
+#ifdef QUORVEX_FUZZ_ASAN
+#include <sanitizer/asan_interface.h>
+#endif
+
+#include "CApi.h"
+#include "FuzzSupport.h"
+#include "IndexVerifier.h"
+#include "Reader/IndexReader.h"
+#include "Writer/IndexWriter.h"
+
+using namespace quorvex_fuzz;
+using Lexarium::IndexVerifier;
+using Lexarium::Reader::IndexReader;
+using Lexarium::Writer::IndexWriter;
+
+namespace {
+
+size_t searched_inputs = 0;
+
+const char* const FILE_NAMES[4] = {"table.bin", "index.bin", "key.bin", "data.bin"};
+enum Blob { TABLE = 0, INDEX = 1, KEY = 2, DATA = 3 };
+const uint32_t ROWS = 65535;
+
+// What stands at each of the four names: a regular file with `bytes`, or
+// something that is not one.
+enum class Kind { FILE, MISSING, DIRECTORY, FIFO };
+
+struct FileSet {
+    std::vector<uint8_t> bytes[4];
+    Kind kinds[4] = {Kind::FILE, Kind::FILE, Kind::FILE, Kind::FILE};
+    bool sound = false;         // built by IndexWriter and left alone
+    int culprit = -1;           // the file that is not a regular file, if any
+    uint64_t key_cut = UINT64_MAX;   // key.bin was cut to this many bytes
+    uint64_t data_cut = UINT64_MAX;  // data.bin was cut to this many bytes
+};
+
+void put_u32(std::vector<uint8_t>& out, size_t at, uint32_t value) {
+    for (int i = 0; i < 4; ++i) {
+        out[at + i] = static_cast<uint8_t>(value >> (8 * i));
+    }
+}
+
+// ---- Making the file set ----
+
+FileSet sparse_file_set(ByteSource& in) {
+    std::map<uint32_t, std::vector<uint8_t>> rows;  // code point -> row record
+    for (int n = in.u8(); n > 0; --n) {
+        uint32_t code_point = in.u16() % ROWS;
+        uint8_t cells = in.u8();
+        std::vector<uint8_t> record(1 + 8 * size_t{cells});
+        record[0] = cells;
+        for (size_t cell = 0; cell < cells; ++cell) {
+            put_u32(record, 1 + 8 * cell, in.u32());
+            put_u32(record, 5 + 8 * cell, in.u32());
+        }
+        rows[code_point] = std::move(record);
+    }
+    FileSet files;
+    std::vector<uint8_t>& table = files.bytes[TABLE];
+    uint32_t next = 0;
+    for (const auto& row : rows) {
+        table.resize(table.size() + (row.first - next), 0);
+        table.insert(table.end(), row.second.begin(), row.second.end());
+        next = row.first + 1;
+    }
+    table.resize(table.size() + (ROWS - next), 0);
+    uint8_t tail = in.u8();
+    if (tail % 4 == 1) {
+        table.resize(table.size() - std::min<size_t>(table.size(), 1 + size_t{in.u16()}));
+    } else if (tail % 4 == 2) {
+        std::string extra = in.bytes(1 + size_t{in.u8()});
+        table.insert(table.end(), extra.begin(), extra.end());
+        table.resize(table.size() + (extra.empty() ? 1 : 0), 0);
+    }
+    for (int blob = INDEX; blob <= DATA; ++blob) {
+        std::string bytes = in.bytes(in.u16());
+        files.bytes[blob].assign(bytes.begin(), bytes.end());
+    }
+    return files;
+}
+
+const uint32_t ALPHABET[] = {'a', 'b', 'n', 'a', 'b', 0x01, 0x7F, 0x80, 0xE9, 0x7FF, 0x800, 0x436, 0x4E2D, 0xFFFE};
+
+// A file set IndexWriter built, and a reader of the same bytes made by
+// from_bytes, whose answers the mapped reader must give.
+struct Built {
+    FileSet files;
+    Rc<IndexReader> plain;
+};
+
+// Items read as the header describes, from a stream that is not the input.
+void add_items(IndexWriter& writer, ByteSource& in, size_t count) {
+    for (; count > 0; --count) {
+        uint8_t shape = in.u8();
+        std::vector<uint32_t> characters;
+        if (shape >= 0xE0) {
+            std::vector<uint32_t> pattern(1 + (shape & 3));
+            for (uint32_t& code_point : pattern) {
+                code_point = pick_character(in, ALPHABET);
+            }
+            for (size_t i = 0, length = 1 + in.u8() % 254; i < length; ++i) {
+                characters.push_back(pattern[i % pattern.size()]);
+            }
+        } else {
+            for (int length = 1 + (shape & 7); length > 0; --length) {
+                characters.push_back(pick_character(in, ALPHABET));
+            }
+        }
+        std::string key;
+        for (uint32_t code_point : characters) {
+            append_utf8(key, code_point);
+        }
+        std::string value = in.bytes(in.u8() % 16);
+        writer.add_word(key, exact_copy(std::vector<uint8_t>(value.begin(), value.end())));
+    }
+}
+
+// The writer's table of 65535 rows costs tens of milliseconds under the
+// sanitizers however few items there are, and so does the plain reader's:
+// far too much for every input. So the items come from a fixed number of
+// lists, each built once per process when an input first asks for it. List
+// n is read from a pseudo-random stream seeded with n; the last few are long
+// (16 to 100 items), so that posting lists are long enough to be
+// intersected a stretch at a time.
+const size_t BUILT_SETS = 32;
+
+const Built& built_set(size_t number) {
+    static std::unique_ptr<Built> sets[BUILT_SETS];
+    std::unique_ptr<Built>& set = sets[number % BUILT_SETS];
+    if (set) {
+        return *set;
+    }
+    std::vector<uint8_t> stream(1 << 16);
+    uint32_t state = 0x9E3779B9u * (static_cast<uint32_t>(number % BUILT_SETS) + 1);
+    for (uint8_t& byte : stream) {
+        state ^= state << 13;
+        state ^= state >> 17;
+        state ^= state << 5;
+        byte = static_cast<uint8_t>(state >> 24);
+    }
+    ByteSource in(stream.data(), stream.size());
+    const size_t long_lists[] = {16, 40, 100};
+    size_t first_long = BUILT_SETS - sizeof long_lists / sizeof long_lists[0];
+    size_t count = number % BUILT_SETS >= first_long ? long_lists[number % BUILT_SETS - first_long] : 1 + in.u8() % 8;
+    IndexWriter writer;
+    add_items(writer, in, count);
+    Rc<Lexarium::Writer::_IndexData> data = writer.to_bytes();
+    set.reset(new Built);
+    FileSet& files = set->files;
+    files.bytes[TABLE] = concatenate(data->table_chunks);
+    files.bytes[INDEX] = concatenate(data->index_chunks);
+    files.bytes[KEY] = concatenate(data->key_chunks);
+    files.bytes[DATA] = concatenate(data->data_chunks);
+    files.sound = true;
+    set->plain = IndexReader::from_bytes(exact_copy(files.bytes[TABLE]), exact_copy(files.bytes[INDEX]),
+                                         exact_copy(files.bytes[KEY]), exact_copy(files.bytes[DATA]));
+    return *set;
+}
+
+// Where the records of a file start, and its end: the places a cut leaves
+// whole records. For key.bin and data.bin the records are walked from 0 as
+// far as they fit.
+std::vector<size_t> record_boundaries(const std::vector<uint8_t>& bytes, int blob) {
+    std::vector<size_t> boundaries;
+    size_t at = 0;
+    while (at < bytes.size()) {
+        boundaries.push_back(at);
+        size_t size = 0;
+        if (blob == TABLE) {
+            size = 1 + 8 * size_t{bytes[at]};
+        } else if (blob == INDEX) {
+            size = 4;
+        } else if (blob == KEY) {
+            size = at + 5 <= bytes.size() ? 5 + size_t{bytes[at + 4]} : bytes.size() - at;
+        } else {
+            size = at + 2 <= bytes.size() ? 2 + (bytes[at] | size_t{bytes[at + 1]} << 8) : bytes.size() - at;
+        }
+        at += size;
+    }
+    boundaries.push_back(bytes.size());
+    return boundaries;
+}
+
+// Notes a cut of key.bin or data.bin at a record boundary: the set loses
+// just the records past the cut.
+void mark_cut(FileSet& files, int blob) {
+    if (blob == KEY) {
+        files.key_cut = files.bytes[KEY].size();
+    } else if (blob == DATA) {
+        files.data_cut = files.bytes[DATA].size();
+    }
+}
+
+// One change to a sound set: a file cut at a record boundary, bytes
+// flipped, two files swapped, a file emptied, a 4-byte word overwritten, or
+// a directory, a FIFO or nothing in a file's place.
+void damage(FileSet& files, ByteSource& in) {
+    files.sound = false;
+    uint8_t kind = in.u8() % 8;
+    int blob = in.u8() % 4;
+    std::vector<uint8_t>& bytes = files.bytes[blob];
+    switch (kind) {
+        case 0: {
+            std::vector<size_t> boundaries = record_boundaries(bytes, blob);
+            size_t cut = boundaries[in.u16() % boundaries.size()];
+            bytes.resize(cut);
+            mark_cut(files, blob);
+            break;
+        }
+        case 1:
+            for (int flips = 1 + in.u8() % 4; flips > 0; --flips) {
+                std::vector<uint8_t>& flipped = files.bytes[in.u8() % 4];
+                uint32_t at = in.u32();
+                uint8_t mask = in.u8() | 1;
+                if (!flipped.empty()) {
+                    flipped[at % flipped.size()] ^= mask;
+                }
+            }
+            break;
+        case 2:
+            std::swap(bytes, files.bytes[(blob + 1 + in.u8() % 3) % 4]);
+            break;
+        case 3:
+            bytes.clear();
+            mark_cut(files, blob);
+            break;
+        case 4: {
+            uint32_t value = in.u32();
+            if (bytes.size() >= 4) {
+                put_u32(bytes, (in.u32() % (bytes.size() / 4)) * 4, value);
+            }
+            break;
+        }
+        default:
+            files.kinds[blob] = kind == 5 ? Kind::DIRECTORY : kind == 6 ? Kind::FIFO : Kind::MISSING;
+            files.culprit = blob;
+            break;
+    }
+}
+
+// Runs on every input over a whole table: a compare callback per row would
+// cost more than the rest of the input.
+#if defined(__clang__)
+#define QUORVEX_NOT_COVERED __attribute__((no_sanitize("coverage")))
+#else
+#define QUORVEX_NOT_COVERED
+#endif
+
+// Why the open must refuse a set, or OPENS: the table walked here on its
+// own, not with the library's record code.
+enum Verdict { OPENS, NOT_A_FILE, TABLE_SHORT, TABLE_LONG, TOO_MANY_CELLS, NO_SENTINEL };
+
+// `widest` receives the most cells a row has.
+QUORVEX_NOT_COVERED Verdict judge(const FileSet& files, uint32_t& widest) {
+    widest = 0;
+    for (Kind kind : files.kinds) {
+        if (kind != Kind::FILE) {
+            return NOT_A_FILE;
+        }
+    }
+    const std::vector<uint8_t>& table = files.bytes[TABLE];
+    size_t at = 0;
+    bool too_many = false;
+    for (uint32_t row = 0; row < ROWS;) {
+        if (at >= table.size()) {
+            return TABLE_SHORT;
+        }
+        // Most rows are empty, one zero byte each: pass over eight at once.
+        uint64_t eight = 1;
+        if (row + 8 <= ROWS && at + 8 <= table.size() && (std::memcpy(&eight, &table[at], 8), eight == 0)) {
+            row += 8;
+            at += 8;
+            continue;
+        }
+        too_many = too_many || table[at] == 255;
+        widest = std::max<uint32_t>(widest, table[at]);
+        at += 1 + 8 * size_t{table[at]};
+        ++row;
+    }
+    return at > table.size() ? TABLE_SHORT
+           : too_many        ? TOO_MANY_CELLS
+           : at < table.size() ? TABLE_LONG
+           : files.bytes[INDEX].size() < 4 ? NO_SENTINEL
+                                           : OPENS;
+}
+
+// How many records tile key.bin or data.bin exactly, or -1 when they do
+// not.
+long tiling(const std::vector<uint8_t>& bytes, int blob) {
+    const size_t header = blob == KEY ? 5 : 2;
+    size_t at = 0;
+    long count = 0;
+    for (; at < bytes.size(); ++count) {
+        if (bytes.size() - at < header) {
+            return -1;
+        }
+        at += header + (blob == KEY ? bytes[at + 4] : bytes[at] | size_t{bytes[at + 1]} << 8);
+    }
+    return at == bytes.size() ? count : -1;
+}
+
+// ---- The directory ----
+
+// One directory per process on a tmpfs; each input gets a fresh
+// subdirectory of it, never a name used before.
+const std::string& scratch_root() {
+    static std::string root = [] {
+        std::vector<std::string> candidates = {"/dev/shm"};
+        if (const char* tmpdir = std::getenv("TMPDIR")) {
+            candidates.push_back(tmpdir);
+        }
+        candidates.push_back("/tmp");
+        for (const std::string& candidate : candidates) {
+            std::string name = candidate + "/quorvex-mapped-XXXXXX";
+            if (::mkdtemp(&name[0]) != nullptr) {
+                return name;
+            }
+        }
+        fail("no directory for the file sets");
+    }();
+    static bool registered = (std::atexit([] { ::rmdir(scratch_root().c_str()); }), true);
+    (void)registered;
+    return root;
+}
+
+void write_whole(const std::string& path, const std::vector<uint8_t>& bytes) {
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        fail(path + ": " + std::strerror(errno));
+    }
+    for (size_t done = 0; done < bytes.size();) {
+        ssize_t written = ::write(fd, bytes.data() + done, bytes.size() - done);
+        if (written <= 0) {
+            fail(path + ": " + std::strerror(errno));
+        }
+        done += static_cast<size_t>(written);
+    }
+    ::close(fd);
+}
+
+// The file set written into a directory of its own, removed with it.
+class Directory {
+public:
+    explicit Directory(const FileSet& files) {
+        static uint64_t serial = 0;
+        path_ = scratch_root() + "/" + std::to_string(serial++);
+        if (::mkdir(path_.c_str(), 0700) != 0) {
+            fail(path_ + ": " + std::strerror(errno));
+        }
+        for (int blob = 0; blob < 4; ++blob) {
+            std::string file = path_ + "/" + FILE_NAMES[blob];
+            bool made = true;
+            switch (files.kinds[blob]) {
+                case Kind::FILE:
+                    write_whole(file, files.bytes[blob]);
+                    break;
+                case Kind::DIRECTORY:
+                    made = ::mkdir(file.c_str(), 0700) == 0;
+                    break;
+                case Kind::FIFO:
+                    made = ::mkfifo(file.c_str(), 0600) == 0;
+                    break;
+                case Kind::MISSING:
+                    break;
+            }
+            if (!made) {
+                fail(file + ": " + std::strerror(errno));
+            }
+        }
+    }
+    ~Directory() {
+        for (const char* name : FILE_NAMES) {
+            std::string file = path_ + "/" + name;
+            if (::unlink(file.c_str()) != 0 && errno == EISDIR) {
+                ::rmdir(file.c_str());
+            }
+        }
+        if (::rmdir(path_.c_str()) != 0) {
+            fail(path_ + ": not removed: " + std::strerror(errno));
+        }
+    }
+    Directory(const Directory&) = delete;
+    Directory& operator=(const Directory&) = delete;
+
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+// ---- Keywords ----
+
+// Key records walked from the start of key.bin as far as they fit.
+std::vector<std::string> stored_keys(const std::vector<uint8_t>& key_bin) {
+    std::vector<std::string> keys;
+    for (size_t at = 0; at + 5 <= key_bin.size() && keys.size() < 64;) {
+        size_t length = key_bin[at + 4];
+        size_t end = std::min(key_bin.size(), at + 5 + length);
+        keys.emplace_back(reinterpret_cast<const char*>(key_bin.data() + at + 5), end - at - 5);
+        at = end;
+    }
+    return keys;
+}
+
+// A character of any length form, never U+0000, read from the input.
+uint32_t any_character(ByteSource& in) {
+    uint8_t form = in.u8();
+    uint32_t bits = in.u16();
+    switch (form % 4) {
+        case 0:
+            return 1 + bits % 0x7F;
+        case 1:
+            return 0x80 + bits % 0x780;
+        case 2:
+            return 0x800 + bits % 0xF800;
+        default:
+            return 0x10000 + ((uint32_t{form} << 16 | bits) % 0x100000);
+    }
+}
+
+// Keywords of fewer than 255 bytes of well-formed UTF-8 without NUL. With
+// bytes left in `in`, they choose the kind and where to cut; without, one of
+// each of the first four kinds from fixed places.
+std::vector<std::string> keywords_for(const std::vector<std::string>& keys, ByteSource& in) {
+    const bool chosen = !in.empty();
+    auto pick = [&](size_t bound, size_t fallback) { return (chosen ? in.u8() : fallback) % bound; };
+    std::vector<std::string> keywords;
+    for (size_t round = 0; round < 4; ++round) {
+        size_t kind = pick(6, round);
+        std::vector<uint32_t> characters = decode_leniently(keys.empty() ? std::string("a") : keys[pick(keys.size(), round)]);
+        if (characters.empty()) {
+            characters.push_back('a');
+        }
+        size_t from = pick(characters.size(), round);
+        std::string keyword;
+        switch (kind) {
+            case 0:  // a piece of a stored key, 1 to 6 characters
+                keyword = encode_within(characters, from, 1 + pick(6, round));
+                break;
+            case 1: {  // characters made of input bytes
+                std::vector<uint32_t> made(chosen ? 1 + in.u8() % 80 : 3);
+                for (uint32_t& code_point : made) {
+                    code_point = chosen ? any_character(in) : 'a' + static_cast<uint32_t>(round);
+                }
+                keyword = encode_within(made, 0, made.size());
+                break;
+            }
+            case 2:  // one character
+                keyword = encode_within(characters, from, 1);
+                break;
+            case 3: {  // a piece with one character made supplementary: the
+                       // same low 16 bits (a row that exists), or FFFF
+                std::vector<uint32_t> twin(characters.begin() + static_cast<std::ptrdiff_t>(from), characters.end());
+                twin.resize(std::min<size_t>(twin.size(), 1 + pick(4, 1)));
+                uint32_t& changed = twin[pick(twin.size(), 0)];
+                uint32_t low = pick(4, 1) == 0 ? 0xFFFF : changed & 0xFFFF;
+                changed = static_cast<uint32_t>((1 + pick(16, 0)) << 16) | low;
+                keyword = encode_within(twin, 0, twin.size());
+                break;
+            }
+            case 4:  // the whole key, as far as it is characters
+                keyword = encode_within(characters, 0, characters.size());
+                break;
+            case 5:
+                break;  // the empty keyword
+        }
+        keywords.push_back(keyword);
+    }
+    return keywords;
+}
+
+// ---- Searching ----
+
+// Past a mapped file's end, the rest of its last page reads as zeros rather
+// than faulting. Under AddressSanitizer those bytes are marked unreadable
+// while the reader lives, so that a read past the end of a file is reported
+// like one past the end of an allocation; they are marked readable again
+// before the mapping goes.
+class GuardedTails {
+public:
+    explicit GuardedTails(const IndexReader& reader) {
+#ifdef QUORVEX_FUZZ_ASAN
+        const uintptr_t page = static_cast<uintptr_t>(::sysconf(_SC_PAGESIZE));
+        for (const Rc<ByteArray>* blob : {&reader.table_bytes, &reader.index_bytes, &reader.key_bytes, &reader.data_bytes}) {
+            if ((*blob)->length != 0) {
+                uintptr_t end = reinterpret_cast<uintptr_t>((*blob)->data) + (*blob)->length;
+                tails_.emplace_back(reinterpret_cast<void*>(end), (page - end % page) % page);
+                __asan_poison_memory_region(tails_.back().first, tails_.back().second);
+            }
+        }
+#else
+        (void)reader;
+#endif
+    }
+    ~GuardedTails() {
+#ifdef QUORVEX_FUZZ_ASAN
+        for (const auto& tail : tails_) {
+            __asan_unpoison_memory_region(tail.first, tail.second);
+        }
+#endif
+    }
+    GuardedTails(const GuardedTails&) = delete;
+    GuardedTails& operator=(const GuardedTails&) = delete;
+
+private:
+    std::vector<std::pair<void*, size_t>> tails_;
+};
+
+// A hit as offsets into the key and data blobs, so that hits of two readers
+// over equal bytes can be compared.
+struct Place {
+    uint64_t key;
+    uint64_t key_length;
+    uint64_t value;
+    uint64_t value_length;
+    bool operator==(const Place& other) const {
+        return key == other.key && key_length == other.key_length && value == other.value &&
+               value_length == other.value_length;
+    }
+};
+
+std::vector<Place> places(const std::vector<Rc<Lexarium::Reader::SearchResult>>& results, const IndexReader& reader) {
+    std::vector<Place> out;
+    for (const auto& result : results) {
+        out.push_back(Place{static_cast<uint64_t>(result->key->data - reader.key_bytes->data), result->key->length,
+                            static_cast<uint64_t>(result->value->data - reader.data_bytes->data),
+                            result->value->length});
+    }
+    return out;
+}
+
+std::string describe(const std::vector<Place>& hits) {
+    std::string out;
+    for (const Place& place : hits) {
+        out += " k" + std::to_string(place.key) + "+" + std::to_string(place.key_length) + "/v" +
+               std::to_string(place.value) + "+" + std::to_string(place.value_length);
+    }
+    return out.empty() ? " (none)" : out;
+}
+
+void require_same(const std::vector<Place>& actual, const std::vector<Place>& expected, const std::string& what,
+                  const std::string& keyword, uint16_t limit) {
+    if (actual != expected) {
+        fail(what + " for " + hex(keyword) + " with limit " + std::to_string(limit) + "\n  mapped:" +
+             describe(actual) + "\n  expected:" + describe(expected));
+    }
+}
+
+// The search rebuilt from the one-position search, position by position,
+// each asked for what is still missing, up to the widest row (no row has a
+// cell further on).
+std::vector<Place> by_positions(IndexReader& reader, const std::string& keyword, uint16_t limit, uint32_t widest) {
+    std::vector<Rc<Lexarium::Reader::SearchResult>> results;
+    uint32_t total = 0;
+    uint32 visited = 0;
+    for (uint32_t position = 0; position < widest && (position == 0 || total < limit); ++position) {
+        total += reader.search(keyword, static_cast<uint16_t>(limit - total), &results, visited,
+                               static_cast<uint8>(position));
+    }
+    return places(results, reader);
+}
+
+// What the C interface gives for the same search: the same views.
+void compare_with_c(IndexReaderHandle* handle, const Results& results, const std::string& keyword, uint16_t limit) {
+    SearchResultsHandle* found = index_reader_search(handle, keyword.c_str(), limit);
+    int64_t count = search_results_get_count(found);
+    if (count != static_cast<int64_t>(results->size())) {
+        fail("the C search for " + hex(keyword) + " gave " + std::to_string(count) + " results, the C++ one " +
+             std::to_string(results->size()));
+    }
+    for (int64_t i = 0; i < count; ++i) {
+        SearchResultItem* item = search_result_item_get(found, static_cast<uint16_t>(i));
+        uint8_t* key = nullptr;
+        uint8_t* value = nullptr;
+        uint32_t key_length = byte_array_get_bytes(item->key, &key);
+        uint32_t value_length = byte_array_get_bytes(item->value, &value);
+        const auto& expected = (*results)[static_cast<size_t>(i)];
+        if (key != expected->key->data || key_length != expected->key->length || value != expected->value->data ||
+            value_length != expected->value->length) {
+            fail("the C search for " + hex(keyword) + " gave other views than the C++ one (no shared mapping?)");
+        }
+        byte_array_free(item->key);
+        byte_array_free(item->value);
+        search_result_item_free(item);
+    }
+    search_results_free(found);
+}
+
+void require_named(const std::string& message, const std::string& directory, int culprit, const char* opener) {
+    if (message.empty()) {
+        fail(std::string(opener) + " failed with an empty message");
+    }
+    bool named = message.find(directory) != std::string::npos;
+    for (const char* name : FILE_NAMES) {
+        named = named || message.find(name) != std::string::npos;
+    }
+    if (!named || (culprit >= 0 && message.find(FILE_NAMES[culprit]) == std::string::npos)) {
+        fail(std::string(opener) + " failed with \"" + message + "\", which does not name " +
+             (culprit >= 0 ? FILE_NAMES[culprit] : "the directory or a file"));
+    }
+}
+
+// Searches a reader that opened `files`; `built` is the set IndexWriter
+// built, when `files` is that set or that set damaged.
+void search_mapped(IndexReader& reader, IndexReaderHandle* c_reader, const FileSet& files, const Built* built,
+                   uint32_t widest, ByteSource& in) {
+    for (int blob = 0; blob < 4; ++blob) {
+        const Rc<ByteArray>& mapped = blob == TABLE   ? reader.table_bytes
+                                      : blob == INDEX ? reader.index_bytes
+                                      : blob == KEY   ? reader.key_bytes
+                                                      : reader.data_bytes;
+        const std::vector<uint8_t>& written = files.bytes[blob];
+        if (mapped->length != written.size() ||
+            (!written.empty() && std::memcmp(mapped->data, written.data(), written.size()) != 0)) {
+            fail(std::string("the reader's ") + FILE_NAMES[blob] + " is not the file written");
+        }
+    }
+
+    // A set that is still as IndexWriter built it must give what the plain
+    // reader gives; one cut at a record boundary, that less the hits whose
+    // records were cut off. One the deep checks accept must give what the
+    // one-position search, the search as defined, gives position by position.
+    const bool cut = built != nullptr && !files.sound &&
+                     (files.key_cut != UINT64_MAX || files.data_cut != UINT64_MAX);
+    bool deep_sound = files.sound;
+    if (!files.sound) {
+        long keys = tiling(files.bytes[KEY], KEY);
+        deep_sound = keys >= 0 && keys == tiling(files.bytes[DATA], DATA) &&
+                     IndexVerifier::verify(*reader.table_bytes, *reader.index_bytes, *reader.key_bytes,
+                                           *reader.data_bytes, true, 1)
+                         .is_sound();
+    }
+    const bool emptied = files.key_cut == 0 || files.data_cut == 0;
+    const uint16_t limits[] = {0, 1, 2, 65535};
+    const uint8_t positions[] = {0, in.u8()};
+
+    for (const std::string& keyword : keywords_for(stored_keys(files.bytes[KEY]), in)) {
+        for (uint16_t limit : limits) {
+            Results results = reader.search(keyword, limit);
+            checked_hits(results, *reader.key_bytes, *reader.data_bytes, keyword, limit);
+            std::vector<Place> hits = places(*results, reader);
+            if (emptied && !hits.empty()) {
+                fail("a search with key.bin or data.bin empty found something");
+            }
+            if (files.sound) {
+                require_same(hits, places(*built->plain->search(keyword, limit), *built->plain),
+                             "the mapped and plain readers differ", keyword, limit);
+            }
+            if (deep_sound && (limit == 0 || limit == 65535)) {
+                require_same(hits, by_positions(reader, keyword, limit, widest),
+                             "the search and the one-position search differ", keyword, limit);
+            }
+            if (cut && limit == 65535) {
+                std::vector<Place> expected;
+                for (const Place& place : places(*built->plain->search(keyword, limit), *built->plain)) {
+                    if (place.key + place.key_length <= files.key_cut &&
+                        place.value + place.value_length <= files.data_cut) {
+                        expected.push_back(place);
+                    }
+                }
+                require_same(hits, expected, "the search after a cut at a record boundary", keyword, limit);
+            }
+            if (c_reader != nullptr) {
+                compare_with_c(c_reader, results, keyword, limit);
+            }
+        }
+        for (uint8_t position : positions) {
+            for (uint16_t limit : {uint16_t{0}, uint16_t{65535}}) {
+                Results results(new std::vector<Rc<Lexarium::Reader::SearchResult>>());
+                uint32 visited = 0;
+                uint16_t found = reader.search(keyword, limit, results.get(), visited, position);
+                if (found != results->size() || visited < found) {
+                    fail("the search at position " + std::to_string(position) + " for " + hex(keyword) +
+                         " appended " + std::to_string(results->size()) + " results, said " + std::to_string(found) +
+                         " and visited " + std::to_string(visited));
+                }
+                checked_hits(results, *reader.key_bytes, *reader.data_bytes, keyword, limit);
+            }
+        }
+    }
+    ++searched_inputs;
+}
+
+}  // namespace
+
+// How many inputs reached a search; the replay program reports it.
+extern "C" size_t quorvex_fuzz_searched_inputs() { return searched_inputs; }
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    ByteSource in(data, size);
+    uint8_t flags = in.u8();
+    int mode = flags & 3;
+    const Built* built = mode == 1 || mode == 2 ? &built_set(in.u8()) : nullptr;
+    FileSet files = built != nullptr ? built->files : sparse_file_set(in);
+    if (mode == 2) {
+        damage(files, in);
+    }
+    // The file the open's message must name, when the open must fail.
+    int culprit = -1;
+    uint32_t widest = 0;
+    switch (judge(files, widest)) {
+        case OPENS:
+            break;
+        case NOT_A_FILE:
+            culprit = files.culprit;
+            break;
+        case NO_SENTINEL:
+            culprit = INDEX;
+            break;
+        case TABLE_SHORT:
+        case TABLE_LONG:
+        case TOO_MANY_CELLS:
+            culprit = TABLE;
+            break;
+    }
+    const bool expected = culprit < 0;
+    if (files.sound && !expected) {
+        fail("a set IndexWriter built is not one the open should take");
+    }
+
+    Directory directory(files);
+    {
+        std::string error;
+        Rc<IndexReader> reader = IndexReader::from_directory_mapped(directory.path(), &error);
+        if (reader.is_null() == expected) {
+            fail(std::string("the open ") + (expected ? "refused a well-formed set: " + error : "took a malformed set"));
+        }
+        IndexReaderHandle* c_reader = nullptr;
+        if ((flags & 4) != 0) {
+            char* c_error = nullptr;
+            c_reader = index_reader_new_mapped(directory.path().c_str(), &c_error);
+            if ((c_reader == nullptr) != reader.is_null()) {
+                fail("index_reader_new_mapped and from_directory_mapped disagree");
+            }
+            if (c_reader == nullptr) {
+                std::string message = c_error == nullptr ? std::string() : std::string(c_error);
+                require_named(message, directory.path(), culprit, "index_reader_new_mapped");
+            }
+            index_reader_error_free(c_error);
+        }
+        if (reader.is_null()) {
+            require_named(error, directory.path(), culprit, "from_directory_mapped");
+        } else {
+            GuardedTails guard(*reader);
+            search_mapped(*reader, c_reader, files, built, widest, in);
+        }
+        index_reader_free(c_reader);
+    }
+    return 0;
+}
