@@ -183,17 +183,27 @@ long preemptions() {
     return getrusage(RUSAGE_THREAD, &usage) == 0 ? usage.ru_nivcsw : 0;
 }
 
+// Minor page faults of the calling thread so far: pages mapped in on first
+// touch, the part of an open that depends on what the process did before.
+long minor_faults() {
+    struct rusage usage;
+    return getrusage(RUSAGE_THREAD, &usage) == 0 ? usage.ru_minflt : 0;
+}
+
 struct OpenSamples {
     std::string name;
     std::vector<double> us;
     std::vector<double> undisturbed_us;  // the opens that kept the CPU throughout
+    long faults = 0;
 
     template <typename Open>
     void time(Open&& open) {
         long before = preemptions();
+        long faults_before = minor_faults();
         Clock::time_point start = Clock::now();
         open();
         double us = elapsed_us(start);
+        this->faults += minor_faults() - faults_before;
         this->us.push_back(us);
         if (preemptions() == before) {
             this->undisturbed_us.push_back(us);
@@ -205,9 +215,10 @@ void print_samples(const OpenSamples& samples) {
     std::printf("%-34s %7zu opens  median %9.1f us  p99 %9.1f us  min %9.1f us  max %9.1f us\n",
                 samples.name.c_str(), samples.us.size(), percentile(samples.us, 0.5), percentile(samples.us, 0.99),
                 percentile(samples.us, 0), percentile(samples.us, 1));
-    std::printf("%-34s %7zu opens  median %9.1f us  p99 %9.1f us  (%zu preempted left out)\n", "  never preempted",
-                samples.undisturbed_us.size(), percentile(samples.undisturbed_us, 0.5),
-                percentile(samples.undisturbed_us, 0.99), samples.us.size() - samples.undisturbed_us.size());
+    std::printf("%-34s %7zu opens  median %9.1f us  p99 %9.1f us  (%zu preempted left out; %.1f faults per open)\n",
+                "  never preempted", samples.undisturbed_us.size(), percentile(samples.undisturbed_us, 0.5),
+                percentile(samples.undisturbed_us, 0.99), samples.us.size() - samples.undisturbed_us.size(),
+                static_cast<double>(samples.faults) / static_cast<double>(samples.us.size()));
 }
 
 // Each open is timed on its own; releasing the reader is not timed. Rounds
@@ -257,10 +268,13 @@ int run_open(const Options& options) {
 // scripts/measure-open.sh runs it many times.
 int run_first(const Options& options) {
     long before = preemptions();
+    long faults_before = minor_faults();
     Clock::time_point start = Clock::now();
     Rc<IndexReader> reader = open_mapped(options.directory);
     double us = elapsed_us(start);
-    std::printf("first mapped open of the process: %.1f us%s\n", us, preemptions() == before ? "" : " preempted");
+    long faults = minor_faults() - faults_before;
+    std::printf("first mapped open of the process: %.1f us (%ld minor faults)%s\n", us, faults,
+                preemptions() == before ? "" : " preempted");
     return 0;
 }
 
