@@ -65,6 +65,11 @@ for run in 1 2 3; do
 done
 
 for run in 1 2 3; do
+  note "check run $run"
+  "$program" check "$index" | tee -a "$out/log.txt"
+done
+
+for run in 1 2 3; do
   note "memory run $run"
   "$program" memory "$index" >"$out/memory-$run.txt"
   cat "$out/memory-$run.txt"
