@@ -104,7 +104,7 @@ void expect_sane_searches(IndexReader& reader, const std::vector<std::string>& k
 }
 
 // Several keys sharing characters, multi-byte text, a key cut at 254 bytes,
-// and a hundred keys with "a" second: lists long and short.
+// and sixty keys with "a" second: lists long and short.
 Items damage_items() {
     Items items{{"haus", "house"},
                 {"maus", "mouse"},
@@ -115,8 +115,8 @@ Items damage_items() {
                 {"gr\xC3\xB6\xC3\x9F" "e", "size"},
                 {"\xE4\xB8\xAD\xE6\x96\x87", "Chinese"},
                 {"\xE6\x96\x87\xE5\xAD\x97", "script"},
-                {repeat("ab\xC3\xA9", 80), "long"}};
-    for (int i = 0; i < 100; ++i) {
+                {repeat("\xE4\xB8\xAD\xE6\x96\x87", 45), "long"}};
+    for (int i = 0; i < 60; ++i) {
         items.emplace_back("ka" + std::to_string(i), std::string(i % 5, 'v'));
     }
     return items;
@@ -128,7 +128,7 @@ std::vector<std::string> damage_keywords() {
     std::vector<std::string> keywords{"a",         "k",    "ka",        "ka4",       "a1",  "9",
                                       "aus",       "haus", "ausm",      "\xC3\x9F",  "e",   "\xC3\xBC" "b",
                                       "r\xC3\xB6", "\xE6\x96\x87", "\xE4\xB8\xAD\xE6\x96\x87", "b\xC3\xA9" "a",
-                                      repeat("ab\xC3\xA9", 30), "zz"};
+                                      repeat("\xE6\x96\x87\xE4\xB8\xAD", 20), "zz"};
     return keywords;
 }
 
@@ -249,7 +249,7 @@ TEST(MappedReaderDamage, NeverAbortsAndNamesTheFileOrStaysInsideIt) {
     // posting lists rather than make the table the wrong length.
     std::mt19937 random(2027);
     restore();
-    for (int round = 0; round < 400 && !HasFailure(); ++round) {
+    for (int round = 0; round < 300 && !HasFailure(); ++round) {
         int file = round % 4;
         std::vector<uint8> bytes = *originals[file];
         std::string flipped;
@@ -450,24 +450,28 @@ Rc<IndexReader> mapped(const std::string& directory) {
 TEST(MappedReaderDifferential, AnswersAsTheReadingReaderOnRandomIndexes) {
     std::mt19937 random(8128);
     size_t searches = 0, with_hits = 0;
-    for (int round = 0; round < 40 && !HasFailure(); ++round) {
+    for (int round = 0; round < 16 && !HasFailure(); ++round) {
         SCOPED_TRACE("round " + std::to_string(round));
         TemporaryDirectory directory;
-        bool long_lists = round % 20 == 0;
-        write_index(directory.path, random_items(random, long_lists ? 3000 : 1 + random() % 40, long_lists ? 3 : 8));
+        bool long_lists = round % 8 == 0;
+        write_index(directory.path, random_items(random, long_lists ? 3000 : 1 + random() % 60, long_lists ? 3 : 8));
         Rc<IndexReader> read = IndexReader::from_directory(directory.path);
         Rc<IndexReader> reader = mapped(directory.path);
         ASSERT_FALSE(reader.is_null());
-        std::vector<std::string> keywords = keywords_from(*read, random, 30);
-        with_hits += expect_same_answers(*reader, *read, keywords);
+        std::vector<std::string> keywords = keywords_from(*read, random, 50);
+        with_hits += expect_same_answers(*reader, *read, keywords, long_lists ? 5 : SIZE_MAX);
         searches += 5 * keywords.size();
     }
     EXPECT_GT(with_hits, searches / 2);  // most searches must find something to compare
 }
 
 TEST(MappedReaderDifferential, AnswersAsTheReadingReaderOnFreeDictGermanEnglish) {
-#ifndef QUORVEX_TOOL
+#if !defined(QUORVEX_TOOL)
     GTEST_SKIP() << "built without the quorvex tool, which builds the index";
+#elif defined(__SANITIZE_ADDRESS__)
+    // A minute there, for little: the mapped files are not instrumented, and
+    // the random indexes above take the same paths under the sanitizers.
+    GTEST_SKIP() << "left to the build without sanitizers";
 #else
     const std::string dictionary = "/usr/share/dictd/freedict-deu-eng.index";
     if (!fs::exists(dictionary)) {
