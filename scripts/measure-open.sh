@@ -6,7 +6,8 @@
 #   - builds its index with BUILD_DIR's quorvex tool (into OUT_DIR/deu);
 #   - runs quorvex_bench_open's parts three times each: open (times of
 #     mapped and whole opens in one process), first (a process's first
-#     mapped open, 100 processes per run), memory (1 against 10 mapped
+#     mapped open, 100 processes per run), check (what checking every key
+#     and value record at open would cost), memory (1 against 10 mapped
 #     readers; once with readers made by from_directory) and search (mapped
 #     against whole, same process);
 #   - times `quorvex search INDEX haus` and `quorvex info INDEX` with
