@@ -61,15 +61,6 @@ struct Item {
     std::string value;
 };
 
-// Keys compared as unsigned bytes, the order of the posting lists.
-struct ByteOrder {
-    bool operator()(const std::string& a, const std::string& b) const {
-        size_t common = a.size() < b.size() ? a.size() : b.size();
-        int order = std::memcmp(a.data(), b.data(), common);
-        return order != 0 ? order < 0 : a.size() < b.size();
-    }
-};
-
 std::vector<Item> read_items(ByteSource& in) {
     std::vector<Item> items;
     for (int count = 1 + in.u8() % 16; count > 0; --count) {
@@ -112,7 +103,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::vector<Item> items = read_items(in);
 
     IndexWriter writer;
-    std::map<std::string, const Item*, ByteOrder> model;
+    std::map<std::string, const Item*> model;  // std::string orders as unsigned bytes, as the posting lists
     for (const Item& item : items) {
         writer.add_word(item.key, exact_copy(std::vector<uint8_t>(item.value.begin(), item.value.end())));
         model[item.key] = &item;

@@ -119,17 +119,15 @@ inline std::vector<Hit> checked_hits(const Results& results, const ByteArray& ke
     if (results->size() > (limit == 0 ? 1u : limit)) {
         fail(search + " returned " + std::to_string(results->size()) + " results");
     }
-    std::vector<Hit> hits;
     for (const auto& result : *results) {
-        const ByteArray& key = *result->key;
-        const ByteArray& value = *result->value;
-        if (!lies_inside(key, key_blob) || !lies_inside(value, data_blob)) {
+        if (!lies_inside(*result->key, key_blob) || !lies_inside(*result->value, data_blob)) {
             fail(search + " returned a view outside the blobs");
         }
-        hits.push_back(Hit{std::string(reinterpret_cast<const char*>(key.data), key.length),
-                           std::string(reinterpret_cast<const char*>(value.data), value.length)});
-        if (hits.back().key.find(keyword) == std::string::npos) {
-            fail(search + " returned the key " + hex(hits.back().key) + ", which does not hold it");
+    }
+    std::vector<Hit> hits = result_hits(*results);
+    for (const Hit& hit : hits) {
+        if (hit.key.find(keyword) == std::string::npos) {
+            fail(search + " returned the key " + hex(hit.key) + ", which does not hold it");
         }
     }
     return hits;

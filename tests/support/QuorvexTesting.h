@@ -19,8 +19,8 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
-#include "LittleEndian.h"
 #include "Reader/IndexReader.h"
+#include "Records.h"
 #include "TypeDefinitions.h"
 #include "Utf8.h"
 
@@ -97,9 +97,9 @@ typedef std::vector<std::pair<uint32, std::string>> KeyRecords;  // (data pointe
 // The key records of a key blob, in order, while they fit in it.
 inline KeyRecords key_records(const uint8* blob, size_t size) {
     KeyRecords records;
-    for (size_t offset = 0; offset + 5 <= size && offset + 5 + blob[offset + 4] <= size; offset += 5 + blob[offset + 4]) {
-        records.emplace_back(Lexarium::LittleEndian::load_u32(blob + offset),
-                             std::string(reinterpret_cast<const char*>(blob + offset + 5), blob[offset + 4]));
+    Lexarium::Records::Key key{};
+    for (uint64_t at = 0; Lexarium::Records::Key::decode_from(blob, size, at, key); at += key.size()) {
+        records.emplace_back(key.data_pointer, std::string(reinterpret_cast<const char*>(key.text), key.length));
     }
     return records;
 }
