@@ -168,7 +168,7 @@ void IndexReader::initialize() {
     // The table has parsed, so the walk reaches its last row and fills the
     // directory; a row of 255 cells or bytes after the last row, which the
     // parse lets through, make build() say no, and change nothing here.
-    std::shared_ptr<RowDirectory> rows = std::make_shared<RowDirectory>();
+    std::shared_ptr<RowDirectory> rows(new RowDirectory);  // not zeroed first: build() fills it
     string ignored;
     rows->build(table->data, table->length, ignored);
     this->rows = std::move(rows);

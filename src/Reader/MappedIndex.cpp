@@ -146,7 +146,9 @@ std::shared_ptr<const MappedIndex> open_unguarded(const std::string& directory, 
         }
     }
 
-    std::shared_ptr<MappedIndex> mapped = std::make_shared<MappedIndex>();
+    // Made with new, not make_shared: that would zero the row directory's
+    // 320 KiB first, which build() fills anyway.
+    std::shared_ptr<MappedIndex> mapped(new MappedIndex);
     MappedIndex::File* files[4] = {&mapped->table, &mapped->index, &mapped->key, &mapped->data};
     for (int i = 0; i < 4; ++i) {
         if (!map_file(descriptors[i].fd, statuses[i], names[i], *files[i], error)) {
