@@ -4,9 +4,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <stdexcept>
 
 #include "CApiInternal.h"
+#include "Fold.h"
 #include "IndexVerifier.h"
 #include "TypeDefinitions.h"
 #include "Reader/IndexReader.h"
@@ -36,6 +38,14 @@ typedef std::vector<Rc<SearchResult>> SearchResultList;
 
 struct SearchResultsHandle {
     Rc<SearchResultList>* rc;
+};
+
+struct SearchOptionsHandle {
+    Lexarium::Reader::SearchOptions options;
+};
+
+struct SearchHitsHandle {
+    std::vector<Lexarium::Reader::Hit> hits;
 };
 
 namespace {
@@ -287,3 +297,102 @@ int index_verifier_check_bytes(ByteArrayHandle* table, ByteArrayHandle* index, B
 void index_verifier_message_free(char* message) { std::free(message); }
 
 }  // extern "C"
+
+// ---- Folding, descriptions and the options search
+
+void quorvex_free(char* text) { std::free(text); }
+
+uint32_t quorvex_folding_version(void) { return Lexarium::FOLDING_VERSION; }
+
+namespace {
+
+// Stores `why` for the caller, when it asked.
+void report_error(char** error, const std::string& why) noexcept {
+    if (error != nullptr) {
+        *error = copy_for_caller(why);
+    }
+}
+
+}  // namespace
+
+char* quorvex_fold(const char* text, char** error) {
+    std::string why;
+    try {
+        std::string folded;
+        if (text == nullptr) {
+            why = "no text given";
+        } else if (Lexarium::fold(text, &folded, &why)) {
+            char* copy = copy_for_caller(folded);
+            if (copy != nullptr) {
+                return copy;
+            }
+            why = "out of memory";
+        }
+    } catch (...) {
+        why = "out of memory";
+    }
+    report_error(error, why);
+    return nullptr;
+}
+
+uint32_t index_reader_get_folding(IndexReaderHandle* reader) { return (*reader->rc)->folding(); }
+
+const char* index_reader_get_description(IndexReaderHandle* reader, uint32_t index, const char** name) {
+    const auto& fields = (*reader->rc)->description().fields;
+    if (index >= fields.size()) {
+        *name = nullptr;
+        return nullptr;
+    }
+    *name = fields[index].first.c_str();
+    return fields[index].second.c_str();
+}
+
+SearchOptionsHandle* search_options_new(void) { return new (std::nothrow) SearchOptionsHandle(); }
+
+void search_options_set_limit(SearchOptionsHandle* options, uint16_t limit) { options->options.limit = limit; }
+
+void search_options_free(SearchOptionsHandle* options) { delete options; }
+
+SearchHitsHandle* index_reader_find(IndexReaderHandle* reader, const char* keyword, const SearchOptionsHandle* options,
+                                    char** error) {
+    std::string why;
+    try {
+        std::unique_ptr<SearchHitsHandle> hits(new SearchHitsHandle());
+        Lexarium::Reader::SearchOptions defaults;
+        if (keyword == nullptr) {
+            why = "no keyword given";
+        } else if ((*reader->rc)->find(keyword, options != nullptr ? options->options : defaults, hits->hits, &why)) {
+            return hits.release();
+        }
+    } catch (...) {
+        why = "out of memory";
+    }
+    report_error(error, why);
+    return nullptr;
+}
+
+uint32_t search_hits_get_count(const SearchHitsHandle* hits) { return static_cast<uint32_t>(hits->hits.size()); }
+
+const char* search_hits_get_key(const SearchHitsHandle* hits, uint32_t index, uint32_t* length) {
+    if (index >= hits->hits.size()) {
+        *length = 0;
+        return nullptr;
+    }
+    *length = static_cast<uint32_t>(hits->hits[index].key.size());
+    return hits->hits[index].key.data();
+}
+
+const uint8_t* search_hits_get_value(const SearchHitsHandle* hits, uint32_t index, uint32_t* length) {
+    if (index >= hits->hits.size()) {
+        *length = 0;
+        return nullptr;
+    }
+    *length = static_cast<uint32_t>(hits->hits[index].value.size());
+    return reinterpret_cast<const uint8_t*>(hits->hits[index].value.data());
+}
+
+uint32_t search_hits_get_position(const SearchHitsHandle* hits, uint32_t index) {
+    return index < hits->hits.size() ? hits->hits[index].position : 0;
+}
+
+void search_hits_free(SearchHitsHandle* hits) { delete hits; }

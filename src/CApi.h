@@ -233,6 +233,94 @@ QUORVEX_API void search_results_free(SearchResultsHandle* results);
 /* Frees the record `item` only, not its two arrays. NULL is ignored. */
 QUORVEX_API void search_result_item_free(SearchResultItem* item);
 
+/* ---- Folding, descriptions and the options search ---------------------- */
+
+/* Frees a string the functions below return (a folded text, an error
+ * message); the messages of index_reader_new_mapped may be freed with it
+ * too. NULL is ignored. */
+QUORVEX_API void quorvex_free(char* text);
+
+/* The version of the library's folding: an index records the version its
+ * keys were folded with, and a search folds keywords the same way. */
+QUORVEX_API uint32_t quorvex_folding_version(void);
+
+/* `text` (NUL-terminated UTF-8) folded as a folded index folds its keys and
+ * keywords: compatibility forms to plain letters, case folded ("Straße" and
+ * "STRASSE" to "strasse"), diacritics of Latin, Greek and Cyrillic letters
+ * and Arabic and Hebrew points removed, katakana to hiragana, white space
+ * runs to one space, trimmed; composed (NFC). A new string, released with
+ * quorvex_free. On text that is not UTF-8 (or a NULL `text`) it returns
+ * NULL and, when `error` is not NULL, stores a message in *error, released
+ * with quorvex_free. Never stops the process. */
+QUORVEX_API char* quorvex_fold(const char* text, char** error);
+
+/* The folding version of the keys of `reader`'s index, 0 for exact keys. */
+QUORVEX_API uint32_t index_reader_get_folding(IndexReaderHandle* reader);
+
+/* What the index of `reader` says about itself, as named texts ("name",
+ * "description", "source", "tool", "items", "folding", ...): field number
+ * `index` (from 0), its name stored in *name and its text returned, both
+ * NUL-terminated and valid while the reader lives. NULL (and *name NULL)
+ * when there is no such field; an index built without a description has
+ * none. */
+QUORVEX_API const char* index_reader_get_description(IndexReaderHandle* reader, uint32_t index, const char** name);
+
+/* Options of index_reader_find, made with search_options_new (limit 20),
+ * changed by the setters and released with search_options_free. One record
+ * may serve any number of searches, from any number of threads while no
+ * setter runs. */
+typedef struct SearchOptionsHandle SearchOptionsHandle;
+
+QUORVEX_API SearchOptionsHandle* search_options_new(void);
+
+/* At most `limit` hits; 0 gives none. */
+QUORVEX_API void search_options_set_limit(SearchOptionsHandle* options, uint16_t limit);
+
+/* NULL is ignored. */
+QUORVEX_API void search_options_free(SearchOptionsHandle* options);
+
+/* The hits of one index_reader_find. */
+typedef struct SearchHitsHandle SearchHitsHandle;
+
+/* The items of `reader` whose keys contain `keyword` (NUL-terminated
+ * UTF-8), each item once: in a folded index the keyword is folded as the
+ * keys were, and each hit gives an item's key as it was put in; in an exact
+ * index it only loses white space at both ends. Keys that begin with the
+ * keyword come first, then those holding it from their second character
+ * on, and so on; within one position in key order, and within one folded
+ * entry the items whose key holds the keyword as typed first, then the
+ * others in input order. `options` NULL means the defaults.
+ *
+ * Never stops the process: on a NULL or invalid keyword (not UTF-8, a
+ * character outside U+0001..U+FFFE, 255 bytes or more once folded) or no
+ * memory it returns NULL and, when `error` is not NULL, stores a message in
+ * *error, released with quorvex_free. A keyword of white space only gives
+ * no hits. Several threads may search one reader at once. The caller
+ * releases the result with search_hits_free; the keys and values it views
+ * stay valid while the reader lives. */
+QUORVEX_API SearchHitsHandle* index_reader_find(IndexReaderHandle* reader, const char* keyword,
+                                                const SearchOptionsHandle* options, char** error);
+
+/* The number of hits in `hits`. */
+QUORVEX_API uint32_t search_hits_get_count(const SearchHitsHandle* hits);
+
+/* Hit number `index`'s key (UTF-8, not NUL-terminated) with its length in
+ * *length; NULL when `index` is not below the count. A view into the index:
+ * nothing to free. */
+QUORVEX_API const char* search_hits_get_key(const SearchHitsHandle* hits, uint32_t index, uint32_t* length);
+
+/* Hit number `index`'s value with its length in *length; NULL when `index`
+ * is not below the count. A view into the index: nothing to free. */
+QUORVEX_API const uint8_t* search_hits_get_value(const SearchHitsHandle* hits, uint32_t index, uint32_t* length);
+
+/* The character of the stored key at which hit number `index` holds the
+ * keyword (0: the key begins with it); 0 when `index` is not below the
+ * count. */
+QUORVEX_API uint32_t search_hits_get_position(const SearchHitsHandle* hits, uint32_t index);
+
+/* NULL is ignored. */
+QUORVEX_API void search_hits_free(SearchHitsHandle* hits);
+
 /* ---- Verifying ----------------------------------------------------------- */
 
 /* Checks that the files table.bin, index.bin, key.bin and data.bin of

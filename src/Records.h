@@ -102,6 +102,50 @@ struct Value {
     }
 };
 
+// A pair of texts inside a value record, the unit of two layouts that live
+// in values (docs/FORMAT.md): the original items of a folded index's entry
+// (the original key, or none when it equals the entry's key; its value) and
+// the fields of an index's description (a name; its text). A length byte
+// and that many bytes, then a 2-byte length and that many bytes.
+struct Pair {
+    uint8 first_length;
+    const uint8* first;
+    uint16 second_length;
+    const uint8* second;
+
+    static constexpr uint32 HEADER_SIZE = 1 + 2;
+
+    uint64_t size() const { return HEADER_SIZE + uint64_t{this->first_length} + this->second_length; }
+
+    static bool decode_from(const uint8* blob, uint64_t length, uint64_t offset, Pair& pair) {
+        if (offset > length || length - offset < HEADER_SIZE) {
+            return false;
+        }
+        const uint8* at = blob + offset;
+        uint64_t left = length - offset - HEADER_SIZE;
+        if (at[0] > left) {
+            return false;
+        }
+        pair.first_length = at[0];
+        pair.first = at + 1;
+        pair.second_length = LittleEndian::load_u16(at + 1 + at[0]);
+        pair.second = at + 1 + at[0] + 2;
+        return pair.second_length <= left - pair.first_length;
+    }
+
+    // Appends the pair's bytes to `out`, a byte container; the caller keeps
+    // `first` below 256 bytes and `second` below 65536.
+    template <typename Bytes>
+    static void encode_to(Bytes& out, const uint8* first, uint8 first_length, const uint8* second,
+                          uint16 second_length) {
+        out.push_back(first_length);
+        out.insert(out.end(), first, first + first_length);
+        out.push_back(static_cast<uint8>(second_length & 0xFF));
+        out.push_back(static_cast<uint8>(second_length >> 8));
+        out.insert(out.end(), second, second + second_length);
+    }
+};
+
 // The same checked decoders over a ByteArray.
 template <typename Record>
 bool decode_from(const ByteArray& blob, uint64_t offset, Record& record) {

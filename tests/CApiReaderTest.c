@@ -172,10 +172,70 @@ static void mapped_reader(void) {
     }
 }
 
+/* Whether hit `i` of `hits` has the key `key`. */
+static int hit_key_is(const SearchHitsHandle* hits, uint32_t i, const char* key) {
+    uint32_t length = 0;
+    const char* bytes = search_hits_get_key(hits, i, &length);
+    return bytes != NULL && length == strlen(key) && memcmp(bytes, key, length) == 0;
+}
+
+/* The folded set was built by the tool from folded.tsv: "Straße", "STRASSE",
+ * "über", "Haus", "Krankenhaus". A folded search gives the keys as they were
+ * put in, each item once; bad keywords come back as messages. */
+static void folded_search(void) {
+    IndexReaderHandle* reader = index_reader_new_mapped(QUORVEX_TEST_DATA_DIR "/folded", NULL);
+    CHECK(reader != NULL && index_reader_get_folding(reader) == quorvex_folding_version());
+    const char* name = NULL;
+    int named = 0;
+    for (uint32_t i = 0; reader != NULL && index_reader_get_description(reader, i, &name) != NULL; ++i) {
+        named |= strcmp(name, "items") == 0 && strcmp(index_reader_get_description(reader, i, &name), "5") == 0;
+    }
+    CHECK(named && index_reader_get_description(reader, 99, &name) == NULL && name == NULL);
+
+    SearchOptionsHandle* options = search_options_new();
+    char* error = NULL;
+    SearchHitsHandle* hits = index_reader_find(reader, "STRASSE", options, &error);
+    CHECK(hits != NULL && error == NULL && search_hits_get_count(hits) == 2);
+    CHECK(hit_key_is(hits, 0, "STRASSE") && hit_key_is(hits, 1, "Stra\xC3\x9F" "e"));
+    uint32_t length = 0;
+    const uint8_t* value = search_hits_get_value(hits, 1, &length);
+    CHECK(value != NULL && length == 6 && memcmp(value, "street", 6) == 0);
+    CHECK(search_hits_get_key(hits, 2, &length) == NULL && search_hits_get_value(hits, 2, &length) == NULL);
+    search_hits_free(hits);
+
+    search_options_set_limit(options, 1);
+    hits = index_reader_find(reader, "haus", options, NULL);
+    CHECK(hits != NULL && search_hits_get_count(hits) == 1 && hit_key_is(hits, 0, "Haus"));
+    search_hits_free(hits);
+    hits = index_reader_find(reader, "HAUS", NULL, NULL);
+    CHECK(hits != NULL && search_hits_get_count(hits) == 2 && hit_key_is(hits, 1, "Krankenhaus"));
+    CHECK(search_hits_get_position(hits, 1) == 7);
+    search_hits_free(hits);
+    search_options_free(options);
+
+    static const char* const bad[] = {"\xFF", "\xF0\x9F\x98\x80", NULL};
+    for (size_t i = 0; i < sizeof bad / sizeof bad[0]; ++i) {
+        error = NULL;
+        CHECK(index_reader_find(reader, bad[i], NULL, &error) == NULL && error != NULL);
+        quorvex_free(error);
+    }
+    index_reader_free(reader);
+
+    char* folded = quorvex_fold("  \xEF\xBC\xB3\xEF\xBC\xB4raSSe  \xC3\x9C" "ber ", &error);
+    CHECK(folded != NULL && strcmp(folded, "strasse uber") == 0);
+    quorvex_free(folded);
+    error = NULL;
+    CHECK(quorvex_fold("\xC3", &error) == NULL && error != NULL);
+    quorvex_free(error);
+}
+
 static void free_functions_accept_null(void) {
     index_reader_free(NULL);
     search_results_free(NULL);
     search_result_item_free(NULL);
+    search_options_free(NULL);
+    search_hits_free(NULL);
+    quorvex_free(NULL);
 }
 
 int main(void) {
@@ -183,6 +243,7 @@ int main(void) {
     items_outlive_their_list();
     verifies_without_stopping();
     mapped_reader();
+    folded_search();
     free_functions_accept_null();
     return finish("reader");
 }

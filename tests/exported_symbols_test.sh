@@ -18,12 +18,13 @@ symbols=$(nm -D --defined-only "$library" | awk '{ $1 = ""; $2 = ""; sub(/^  /, 
 # of ByteArray and the Lexarium classes; the writer's record encoders; the
 # small-block pool that Rc's inline code calls.
 unexpected=$(printf '%s\n' "$symbols" | grep -Ev \
-  -e '^(byte_array|index_writer|index_reader|index_verifier|search_results?)_[a-z_]+$' \
+  -e '^(byte_array|index_writer|index_reader|index_verifier|search_results?|search_options|search_hits)_[a-z_]+$' \
+  -e '^quorvex_(free|fold|folding_version)$' \
   -e '^ByteArray::' \
   -e '^push_word_(value|key)_into_data\(' \
   -e '^quorvex_small_block_(allocate|release)$' \
   -e '^(typeinfo|typeinfo name|vtable) for (ByteArray|Lexarium::[A-Za-z:]+)$' \
-  -e '^Lexarium::(Writer::|Reader::)?[A-Za-z_]+(::~?[A-Za-z_]+)?(\(|::operator)' \
+  -e '^Lexarium::(Writer::|Reader::)?[A-Za-z_]+(::~?[A-Za-z_]+)?(\[abi:cxx11\])?(\(|::operator)' \
   -e '^Lexarium::(Writer::|Reader::)?[a-z_]+\(' || true)
 if [ -n "$unexpected" ]; then
   echo "unexpected exported symbols:"
@@ -40,6 +41,10 @@ for name in byte_array_new_empty byte_array_new_on_user_data byte_array_new_clon
             index_reader_free index_reader_search search_results_get_count search_result_item_get \
             search_results_free search_result_item_free \
             index_verifier_check_directory index_verifier_check_bytes index_verifier_message_free \
+            quorvex_fold quorvex_folding_version quorvex_free index_reader_find index_reader_get_folding \
+            index_reader_get_description search_options_new search_options_set_limit search_options_free \
+            search_hits_get_count search_hits_get_key search_hits_get_value search_hits_get_position \
+            search_hits_free \
             'ByteArray::borrow(unsigned int, unsigned int) const'; do
   if ! printf '%s\n' "$symbols" | grep -Fxq "$name"; then
     echo "missing exported symbol: $name"

@@ -46,14 +46,14 @@ Rc<ByteArray> read_file(const string& file_path) {
     return bytes;
 }
 
-// The keyword as every position of a search uses it.
-struct IndexReader::Keyword {
-    const string& text;
-    uint32 row;                  // the row of its first character
-    bool has_row;                // false for a first character whose low 16 bits are 0xFFFF
-    std::vector<uint32> characters;  // as decoded (an incomplete last one dropped)
-};
-
+// Where the search's parts live: the keyword, the scratch lists and a
+// match are declared in SearchParts.h; the walk over one position's posting
+// list (search_at), the merge of several (search_intersecting) and the
+// check of one key record (match_key) follow below; find(), the search
+// that folds its keyword and lists each item once, is in Find.cpp and walks
+// the same positions with the same parts, passing over the entries it has
+// already listed.
+//
 // A search walks positions 0, 1, ... of the keyword's first character until it has
 // `limit` results or has passed the last position where every character of the keyword
 // has a cell. Each position is asked for what is still missing (modulo 2^16) and checks
@@ -114,6 +114,7 @@ Rc<IndexReader> IndexReader::from_bytes(Rc<ByteArray> table, Rc<ByteArray> index
     reader->data_bytes = data;
     assert(!reader->index_bytes.is_null() && !reader->key_bytes.is_null() && !reader->data_bytes.is_null());
     reader->initialize();
+    reader->read_description();
     return reader;
 }
 
@@ -150,6 +151,7 @@ Rc<IndexReader> IndexReader::from_directory_mapped(const string& directory, stri
             reader->rows = std::shared_ptr<const RowDirectory>(mapped, &mapped->rows);
             reader->mapping = std::move(mapped);
             reader->skips_damage = true;
+            reader->read_description();
             return reader;
         }
     } catch (const std::bad_alloc&) {
@@ -220,7 +222,7 @@ void IndexReader::outside(const ByteArray& blob, Blob at_fault) const {
 }
 
 IndexReader::Keyword IndexReader::prepare(const string& keyword) const {
-    Keyword prepared{keyword, 0, false, {}};
+    Keyword prepared{keyword, 0, false, {}, nullptr};
     Utf8::decode(keyword, prepared.characters);
     uint32 first = prepared.characters.empty() ? 0 : prepared.characters[0];
     // Only the low 16 bits choose the row: U+1F600 looks in row 0xF600. The
@@ -606,6 +608,9 @@ bool IndexReader::match_key(const Keyword& keyword, uint32 entry, uint8 char_pos
         (wanted_length != 0 &&
          (text[start] != wanted[0] ||
           (wanted_length > 1 && std::memcmp(text + start + 1, wanted + 1, wanted_length - 1) != 0)))) {
+        return false;
+    }
+    if (keyword.found != nullptr && std::binary_search(keyword.found->begin(), keyword.found->end(), entry)) {
         return false;
     }
     match.entry = entry;

@@ -6,8 +6,10 @@
 #include <locale>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "IndexDescription.h"
 #include "IndexTable.h"
 #include "Records.h"
 #include "Reader/SearchResult.h"
@@ -27,6 +29,22 @@ struct MappedIndex;   // internal to the reader
 // text (for a close, the text of the close's return value). The file is
 // closed on every path.
 QUORVEX_API Rc<ByteArray> read_file(const std::string& file_path);
+
+// What find() is asked for. Later match modes join these fields; a
+// default-made record asks for the plain search.
+struct SearchOptions {
+    // At most this many hits; 0 gives none.
+    uint16 limit = 20;
+};
+
+// One hit of find(): an item's key as it was put in and its value, both
+// views into the reader's files (valid while the reader lives), and the
+// character of the stored key at which the keyword was found.
+struct Hit {
+    std::string_view key;
+    std::string_view value;
+    uint8 position;
+};
 
 // IndexReader: holds the four blobs of an index and searches them. The
 // blobs are shared, never copied; the table blob is parsed once into row
@@ -117,6 +135,36 @@ public:
     };
     Damage damage_passed_over() const;
 
+    // What the index says about itself (the value of its empty key); no
+    // fields for an index built without one. Read when the reader is made.
+    const IndexDescription& description() const { return this->described; }
+    // The folding version of the index's keys (Fold.h), 0 for exact keys.
+    uint32 folding() const { return this->folding_version; }
+
+    // The items whose keys contain `keyword`, each once, at most
+    // `options.limit` of them, into `hits` (cleared first).
+    //
+    // In a folded index the keyword is folded as the keys were (so "Haus"
+    // finds "haus" and "strasse" "straße"), and each entry gives the items
+    // it merged, with their keys as they were put in: first those whose key
+    // contains the keyword exactly as typed, then the others, in input
+    // order. In an exact index, the keyword only loses white space at both
+    // ends. Hits come by the character at which the stored key holds the
+    // keyword, first the keys that begin with it; at one position in key
+    // order. A key holding the keyword at two positions gives its items once,
+    // at the first.
+    //
+    // Never stops the process and throws nothing: on a keyword that is not
+    // UTF-8, holds a character no key can hold (outside U+0001..U+FFFE) or
+    // is 255 bytes or more once folded, or when memory runs out, it returns
+    // false with a message in `error` (when not null). A keyword of white
+    // space only finds nothing. On a reader made from files that are not
+    // sound, the records a search reaches are checked as the other searches
+    // check them (see from_directory_mapped and from_bytes). Any number of
+    // threads may call it at once.
+    bool find(const std::string& keyword, const SearchOptions& options, std::vector<Hit>& hits,
+              std::string* error) const;
+
     // Parses `table_bytes` into `index_table`, replacing an earlier parse.
     void initialize();
 
@@ -161,12 +209,20 @@ private:
     bool skips_damage = false;
     enum Blob { TABLE, INDEX, KEY, DATA };
     mutable std::atomic<uint64_t> passed_over[4] = {};
+    IndexDescription described;
+    uint32 folding_version = 0;
 
     struct Keyword;
     struct Match;
     struct Scratch;
     class Collector;
 
+    void read_description();
+    bool searched_form(const std::string& keyword, std::string& text, std::string* error) const;
+    void find_entries(const std::string& text, uint16 limit, std::vector<Rc<SearchResult>>& entries,
+                      std::vector<uint8>& positions) const;
+    void add_items(const SearchResult& entry, uint8 position, const std::string& typed, uint16 limit,
+                   std::vector<Hit>& hits) const;
     Keyword prepare(const std::string& keyword) const;
     Records::Row row(uint32 code_point) const;
     bool inside_index(uint64_t offset, uint64_t count) const;

@@ -18,6 +18,17 @@ constexpr uint32 ENTRY_BY_ENTRY_STEPS = 128;
 // to leap through, one dependent read after another.
 constexpr uint32 ENTRY_BY_ENTRY_MIN_LENGTH = 512;
 
+// The keyword as every position of a search uses it.
+struct IndexReader::Keyword {
+    const std::string& text;
+    uint32 row;                      // the row of its first character
+    bool has_row;                    // false for a first character whose low 16 bits are 0xFFFF
+    std::vector<uint32> characters;  // as decoded (an incomplete last one dropped)
+    // Key records that find() has had from earlier positions, ascending:
+    // they match no more.
+    const std::vector<uint32>* found;
+};
+
 // A key that holds the keyword, between checking its record and reading
 // its value.
 struct IndexReader::Match {

@@ -1,7 +1,7 @@
 // What the tests, the fuzz targets and the benchmarks share (the
 // quorvex_testing library): byte arrays, whole files and temporary
-// directories, and the brute-force search the library's search is compared
-// with. Header only: each program links the build of the library it needs
+// directories, and the brute-force searches the library's searches are
+// compared with. Header only: each program links the build of the library it needs
 // (the fuzz targets an instrumented one).
 #ifndef QUORVEX_TESTING_H
 #define QUORVEX_TESTING_H
@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <ostream>
 #include <string>
 #include <utility>
@@ -19,6 +20,7 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include "Fold.h"
 #include "Reader/IndexReader.h"
 #include "Records.h"
 #include "TypeDefinitions.h"
@@ -232,6 +234,82 @@ inline std::vector<const uint8*> literal_walk(Lexarium::Reader::IndexReader& rea
                                static_cast<uint8>(position));
     }
     return key_pointers(walked);
+}
+
+// ---- The brute-force find ------------------------------------------------
+
+// An item as put into an IndexBuilder.
+struct InputItem {
+    std::string key;
+    std::string value;
+};
+
+// One hit of find: the key as put in, the value, the position.
+struct FoundItem {
+    std::string key;
+    std::string value;
+    uint32 position;
+    bool operator==(const FoundItem& other) const {
+        return key == other.key && value == other.value && position == other.position;
+    }
+};
+
+inline std::ostream& operator<<(std::ostream& out, const FoundItem& hit) {
+    return out << '"' << hit.key << "\"@" << hit.position;
+}
+
+// find by its rules alone, over the items as given to an IndexBuilder (all
+// of them accepted): entries are the folded keys (or, exact, the keys, the
+// last value winning); an entry matches at the first character from which
+// its key holds `searched` (the keyword as the index searches it); entries
+// by position, then key bytes; within an entry the items whose key holds
+// the keyword as typed (`typed`) first, then the rest, in input order.
+inline std::vector<FoundItem> reference_find(const std::vector<InputItem>& items, bool folded, const std::string& searched,
+                                             const std::string& typed, uint16 limit) {
+    std::map<std::string, std::vector<const InputItem*>> entries;
+    for (const InputItem& item : items) {
+        std::string stored = item.key;
+        if (folded) {
+            Lexarium::fold(item.key, &stored);
+            entries[stored].push_back(&item);
+        } else {
+            entries[stored] = {&item};
+        }
+    }
+    std::vector<std::pair<uint32, const std::string*>> found;  // (position, entry key)
+    for (const auto& entry : entries) {
+        std::vector<size_t> starts = character_starts(entry.first);
+        for (size_t position = 0; position + 1 < starts.size() && !searched.empty(); ++position) {
+            if (entry.first.compare(starts[position], searched.size(), searched) == 0) {
+                found.emplace_back(static_cast<uint32>(position), &entry.first);
+                break;
+            }
+        }
+    }
+    std::stable_sort(found.begin(), found.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });  // map order within
+    std::vector<FoundItem> hits;
+    for (const auto& match : found) {
+        std::vector<const InputItem*> group = entries[*match.second];
+        std::stable_partition(group.begin(), group.end(), [&](const InputItem* item) {
+            return !folded || item->key.find(typed) != std::string::npos;
+        });
+        for (const InputItem* item : group) {
+            hits.push_back(FoundItem{item->key, item->value, match.first});
+        }
+    }
+    if (hits.size() > limit) {
+        hits.resize(limit);
+    }
+    return hits;
+}
+
+inline std::vector<FoundItem> found_items(const std::vector<Lexarium::Reader::Hit>& hits) {
+    std::vector<FoundItem> out;
+    for (const auto& hit : hits) {
+        out.push_back(FoundItem{std::string(hit.key), std::string(hit.value), hit.position});
+    }
+    return out;
 }
 
 }  // namespace quorvex_testing
