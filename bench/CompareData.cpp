@@ -98,7 +98,8 @@ Dictionary load_dictd(const std::string& index_path) {
     std::vector<quorvex_tool::SourceItem> read;
     std::vector<quorvex_tool::Problem> problems;
     try {
-        quorvex_tool::read_items(index_path, quorvex_tool::InputFormat::Dictd, read, problems, [](uint64_t) {});
+        quorvex_tool::SourceFacts facts;
+        quorvex_tool::read_items(index_path, quorvex_tool::InputFormat::Dictd, read, problems, facts, [](uint64_t) {});
     } catch (const quorvex_tool::InputError& error) {
         throw std::runtime_error(error.what());
     }

@@ -290,6 +290,7 @@ TEST(CliUsage, WrongCommandLinesExitWithTwo) {
         "", "\xFF", "K\xE4se", "\xC3",                    // empty, a lone FF byte, Latin-1, cut short
         "\xED\xA0\x80", "\xC0\xAF", "\xF4\x90\x80\x80",  // a surrogate, an overlong slash, past U+10FFFF
         std::string(255, 'a'), repeat("\xE2\x82\xAC", 85),   // 255 bytes, also of euro signs
+        "\xF0\x9F\x98\x80",                                 // past U+FFFF: no key can hold it
     };
     for (const std::string& keyword : bad_keywords) {
         // Found before the index is opened, so whether it exists does not matter.
@@ -309,7 +310,7 @@ TEST(CliUsage, WrongCommandLinesExitWithTwo) {
 // ---------------------------------------------------------------- build
 
 // Two inputs holding the same items, in different formats, give the same
-// bytes; escapes are undone, blank lines skipped, and every item is stored
+// bytes (given the same file name, which the index records); escapes are undone, blank lines skipped, and every item is stored
 // once (the 00-database entries of dictd describe the file, not articles).
 TEST(CliBuild, EquivalentInputsGiveTheSameIndex) {
     TemporaryDirectory inputs;
@@ -329,8 +330,22 @@ TEST(CliBuild, EquivalentInputsGiveTheSameIndex) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.first);
         TemporaryDirectory dir;
-        build_ok(c.first, dir / "first");
-        build_ok(c.second, dir / "second");
+        fs::create_directories(dir / "1");
+        fs::create_directories(dir / "2");
+        std::string format[2];
+        int i = 0;
+        for (const std::string& input : {c.first, c.second}) {
+            std::string name = input.substr(input.find_last_of('.') + 1);
+            format[i] = name == "index" ? "dictd" : name;
+            fs::copy(input, dir / (std::to_string(++i) + "/input.index"));
+            if (name == "index") {
+                std::string stem = input.substr(0, input.size() - 6);
+                const char* dict = fs::exists(stem + ".dict") ? ".dict" : ".dict.dz";
+                fs::copy(stem + dict, dir / (std::to_string(i) + "/input" + dict));
+            }
+        }
+        build_ok(dir / "1/input.index", dir / "first", {"--format", format[0]});
+        build_ok(dir / "2/input.index", dir / "second", {"--format", format[1]});
         EXPECT_EQ(differences(tree(dir / "first"), tree(dir / "second")), NONE);
         EXPECT_EQ(item_count(dir / "first"), static_cast<int>(c.items.size()));
         expect_items(dir / "first", c.items);
@@ -343,11 +358,11 @@ TEST(CliBuild, EquivalentInputsGiveTheSameIndex) {
 // With --skip-invalid the rest is built and the skipped items are counted,
 // except that a duplicate is never something to skip.
 TEST(CliBuild, BadItemsAreReportedByLineOrSkipped) {
-    // The limits are inclusive: 254 characters of key (whatever their
-    // bytes), 65534 bytes of value, U+0001 and U+FFFE as characters.
+    // The limits are inclusive: 254 bytes and characters of key, 65534
+    // bytes of value, U+0001 and U+FFFE as characters.
     TemporaryDirectory inputs;
     const std::string largest_value(65534, 'v');
-    make_file(inputs / "limits.tsv", repeat("\xE2\x82\xAC", 254) + "\tfits\n" +            // line 1, 762 bytes of key
+    make_file(inputs / "limits.tsv", repeat("\xE2\x82\xAC", 85) + "\ttoo long\n" +            // line 1, 255 bytes of key
                                          repeat("\xC3\xA9", 255) + "\tone too many\n" +  // line 2
                                          "gross\t" + largest_value + "\n" +               // line 3
                                          "zu gross\t" + std::string(65535, 'v') + "\n" +   // line 4
@@ -375,11 +390,10 @@ TEST(CliBuild, BadItemsAreReportedByLineOrSkipped) {
           {9, "value"}, {12, ""}},
          {{"Apfel", "apple"}, {"Traube", "grape"}}},
         {{}, CLI_DATA + "/broken.index", {{2, ""}, {3, ""}, {4, ""}, {5, ""}, {6, ""}}, {{"Brot", "Brot\n  bread\n"}}},
-        {{},
+        {{"--exact"},
          inputs / "limits.tsv",
-         {{2, ""}, {4, ""}},
-         {{repeat("\xE2\x82\xAC", 84), "fits"},  // the key stored shortened to 254 bytes, in whole characters
-          {"gross", largest_value},
+         {{1, "255 bytes"}, {2, ""}, {4, ""}},
+         {{"gross", largest_value},
           {"x\xEF\xBF\xBE", "highest character"},
           {"\x01y", "lowest character"}}},
         {{"--duplicates", "error"},
@@ -516,11 +530,13 @@ TEST(CliBuild, ForceReplacesAnIndexWithTheBytesOfAFreshBuild) {
     for (const char* output : {"index", "index//"}) {
         SCOPED_TRACE(output);
         TemporaryDirectory dir;
-        make_file(dir / "example.tsv", "ab\tX\nb\tYZ\n");  // the items of the committed good set
+        TemporaryDirectory fresh;
+        make_file(dir / "example.tsv", "ab\tX\nb\tYZ\n");
         build_ok(CLI_DATA + "/words.tsv", dir / "index");
         build_ok(dir / "example.tsv", dir / output, {"--force"});
+        build_ok(dir / "example.tsv", fresh / "index");
         Tree expected{{"example.tsv", "ab\tX\nb\tYZ\n"}, {"index", "<dir>"}};
-        for (const auto& file : tree(GOOD_SET)) expected["index/" + file.first] = file.second;
+        for (const auto& file : tree(fresh / "index")) expected["index/" + file.first] = file.second;
         EXPECT_EQ(differences(tree(dir.path), expected), NONE);
     }
 }
@@ -551,7 +567,7 @@ TEST(CliSearch, OutputFormats) {
              {"words", {}, "aus",
               "aus\tfrom; out of\nHaus\thouse; building\nHausaufgabe\thomework\nKrankenhaus\thospital\n"},
              {"words", {"--stats"}, "Tab", "Tabelle\ttable\tchart\n"},
-             {"words", {"--full"}, "Haus", "Haus\thouse; building\nalso: home\n\nHausaufgabe\thomework\n\n"},
+             {"words", {"--full"}, "Hausa", "Hausaufgabe\thomework\n\n"},
              {"words", {}, "nirgends", ""},
              // A value that ends with a newline gets no second blank line.
              {"odd", {"--full"}, "e", "eins\tone\n\nzwei\ttwo\nlines\n\n"},
@@ -580,10 +596,11 @@ TEST(CliSearch, OutputFormats) {
     }
 }
 
-// Keys that begin with the keyword come first, in byte order, then those
-// that hold it from their second character (not byte), and so on; a key
-// holding it twice is listed twice. Twenty hits unless a limit says
-// otherwise. Keywords of 254 bytes and any character are searched.
+// In an exact index, keys that begin with the keyword come first, in byte
+// order, then those that hold it from their second character (not byte),
+// and so on; a key holding it twice is listed once. Twenty hits unless a
+// limit says otherwise. Keywords of 254 bytes and any character are
+// searched.
 TEST(CliSearch, HitsComeByPositionThenByKeyBytesUpToTheLimit) {
     TemporaryDirectory dir;
     const std::string long_key(254, 'a');
@@ -597,8 +614,8 @@ TEST(CliSearch, HitsComeByPositionThenByKeyBytesUpToTheLimit) {
         text += numbered.back() + "\tv\n";
     }
     make_file(dir / "order.tsv", text);
-    build_ok(dir / "order.tsv", dir / "index");
-    const std::vector<std::string> by_position = {"an", "anZ", "an\xC3\x84", "Kanal", "banana", "banana", "\xC3\x96lkanne"};
+    build_ok(dir / "order.tsv", dir / "index", {"--exact"});
+    const std::vector<std::string> by_position = {"an", "anZ", "an\xC3\x84", "Kanal", "banana", "\xC3\x96lkanne"};
     struct Case {
         std::string keyword;
         std::vector<std::string> options;
@@ -610,9 +627,8 @@ TEST(CliSearch, HitsComeByPositionThenByKeyBytesUpToTheLimit) {
              {"q", {}, {numbered.begin(), numbered.begin() + 20}},
              {"q", {"--limit", "25"}, numbered},
              {long_key, {}, {long_key}},
-             {std::string(253, 'a'), {}, {long_key, long_key}},
+             {std::string(253, 'a'), {}, {long_key}},
              {repeat("\xC3\xA9", 127), {}, {}},
-             {"\xF0\x9F\x98\x80", {}, {}},  // past U+FFFF: nothing to find
              {"\xEF\xBF\xBEy", {}, {"x\xEF\xBF\xBEy"}},
          }) {
         SCOPED_TRACE(shown(c.options) + " " + c.keyword.substr(0, 20));
@@ -688,12 +704,22 @@ TEST(CliInfo, FiguresMatchTheFilesAndTheKeys) {
     EXPECT_EQ(human.err, "");
 
     // Lists of several entries: index.bin holds one entry per character of
-    // every key.
+    // every folded key. The description names the source and the folding.
     TemporaryDirectory dir;
-    build_ok(CLI_DATA + "/words.tsv", dir / "index");
+    build_ok(CLI_DATA + "/words.tsv", dir / "index", {"--name", "Wörter"});
     info = info_json(dir / "index");
     size_t characters = 0;
-    for (const auto& item : WORD_ITEMS) characters += Lexarium::Utf8::character_count(item.first.data(), item.first.size());
+    for (const auto& item : WORD_ITEMS) {
+        std::string folded;
+        Lexarium::fold(item.first, &folded);
+        characters += Lexarium::Utf8::character_count(folded.data(), folded.size());
+    }
+    EXPECT_EQ(info.value("folding", 0u), Lexarium::FOLDING_VERSION);
+    json description = info["description"];
+    EXPECT_TRUE(starts_with(description.value("tool", ""), "quorvex ")) << description;
+    description.erase("tool");
+    EXPECT_EQ(description, json({{"name", "W\xC3\xB6rter"}, {"description", ""}, {"source", "words.tsv"},
+                                 {"folding", "1"}, {"items", "10"}}));
     EXPECT_EQ(info.value("posting_entries", uint64_t{0}), characters);
     EXPECT_EQ(fs::file_size(dir / "index/index.bin"), 4 + 4 * characters);
     EXPECT_LT(info.value("cells_in_use", characters), info.value("cells", uint64_t{0}));

@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <Writer/IndexBuilder.h>
 #include <Writer/IndexWriter.h>
 
 #include "Commands.h"
@@ -160,6 +161,43 @@ off_t file_size(const std::string& path) {
     return ::stat(path.c_str(), &status) == 0 ? status.st_size : 0;
 }
 
+// The description the index will carry: what the command line says, else
+// what the input says about itself.
+Lexarium::Writer::IndexSettings settings_of(const BuildOptions& options, const SourceFacts& facts) {
+    Lexarium::Writer::IndexSettings settings;
+    settings.folded = !options.exact;
+    std::string name = options.name.empty() ? facts.name : options.name;
+    std::string description = options.description.empty() ? facts.description : options.description;
+    size_t slash = options.input.find_last_of('/');
+    settings.description.set("name", name);
+    settings.description.set("description", description);
+    settings.description.set("source", slash == std::string::npos ? options.input : options.input.substr(slash + 1));
+    settings.description.set("tool", std::string("quorvex ") + QUORVEX_TOOL_VERSION);
+    return settings;
+}
+
+// Hands the settled items to `builder`, one at a time so that their bytes
+// are not held twice; the items it refuses (a key that folds too long, ...)
+// join `invalid`, in line order.
+void add_items(std::vector<SourceItem>& items, Lexarium::Writer::IndexBuilder& builder,
+               std::vector<Problem>& invalid, Progress& progress) {
+    size_t refused_before = invalid.size();
+    uint64_t added = 0;
+    for (SourceItem& item : items) {
+        std::string problem = builder.add(std::move(item.key), std::move(item.value));
+        if (!problem.empty()) {
+            invalid.push_back({item.location, problem});
+        }
+        if (++added % 65536 == 0) {
+            progress.count(added);
+        }
+    }
+    if (invalid.size() > refused_before) {
+        auto by_line = [](const Problem& a, const Problem& b) { return a.location.line < b.location.line; };
+        std::sort(invalid.begin(), invalid.end(), by_line);
+    }
+}
+
 }  // namespace
 
 int run_build(const BuildOptions& given) {
@@ -192,8 +230,9 @@ int run_build(const BuildOptions& given) {
     progress.phase("reading " + options.input, true);
     std::vector<SourceItem> read;
     std::vector<Problem> invalid;
+    SourceFacts facts;
     try {
-        read_items(options.input, format, read, invalid, [&](uint64_t count) { progress.count(count); });
+        read_items(options.input, format, read, invalid, facts, [&](uint64_t count) { progress.count(count); });
     } catch (const InputError& error) {
         throw ToolError(EXIT_DATA, error.what());
     }
@@ -202,6 +241,10 @@ int run_build(const BuildOptions& given) {
     PreparedItems settled = prepare_items(std::move(read), std::move(invalid), options.duplicates);
     std::vector<Problem>& invalid_items = settled.invalid;
     std::vector<Problem>& fatal = settled.fatal;
+    progress.phase(options.exact ? "adding items" : "folding keys", true);
+    Lexarium::Writer::IndexBuilder builder(settings_of(options, facts));
+    add_items(settled.items, builder, invalid_items, progress);
+    std::vector<SourceItem>().swap(settled.items);
 
     if (!fatal.empty() || (!invalid_items.empty() && !options.skip_invalid)) {
         progress.finish();
@@ -215,19 +258,11 @@ int run_build(const BuildOptions& given) {
                                        options.input + hint);
     }
 
-    progress.phase("adding items", true);
     Lexarium::Writer::IndexWriter writer;
-    uint64_t added = 0;
-    for (SourceItem& item : settled.items) {
-        Rc<ByteArray> value(new ByteArray(static_cast<uint32_t>(item.value.size())));
-        if (!item.value.empty()) {
-            std::memcpy(value->data, item.value.data(), item.value.size());
-        }
-        std::string().swap(item.value);
-        writer.add_word(item.key, value);
-        if (++added % 65536 == 0) {
-            progress.count(added);
-        }
+    std::string problem = builder.fill(writer);
+    if (!problem.empty()) {
+        progress.finish();
+        throw ToolError(EXIT_DATA, "nothing written: " + problem);
     }
 
     progress.phase("building and writing the index");
@@ -268,7 +303,8 @@ int run_build(const BuildOptions& given) {
     }
     double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     std::printf("built %s\n", options.output.c_str());
-    std::printf("  items     %s\n", with_thousands(settled.items.size()).c_str());
+    std::printf("  items     %s\n", with_thousands(builder.item_count()).c_str());
+    std::printf("  keys      %s\n", options.exact ? "exact" : "folded");
     std::printf("  skipped   %s\n", with_thousands(invalid_items.size()).c_str());
     std::printf("  merged    %s\n", with_thousands(settled.merged).c_str());
     for (const char* name : BLOB_NAMES) {

@@ -14,6 +14,9 @@ struct BuildOptions {
     bool skip_invalid = false;
     bool force = false;
     bool quiet = false;
+    bool exact = false;        // keys as they are rather than folded
+    std::string name;          // "" = from the input (dictd: 00-database-short)
+    std::string description;   // "" = from the input (dictd: 00-database-info)
 };
 
 struct SearchOptions {

@@ -204,8 +204,19 @@ std::string dict_file_of(const std::string& index_path) {
     throw InputError(index_path + ": no " + stem + ".dict or " + stem + ".dict.dz beside it");
 }
 
+// A database entry's article without its headword line, trimmed.
+std::string database_text(const std::string& headword, std::string article) {
+    if (article.compare(0, headword.size(), headword) == 0) {
+        size_t line_end = article.find('\n');
+        article.erase(0, line_end == std::string::npos ? article.size() : line_end + 1);
+    }
+    size_t begin = article.find_first_not_of(" \t\r\n");
+    size_t end = article.find_last_not_of(" \t\r\n");
+    return begin == std::string::npos ? std::string() : article.substr(begin, end - begin + 1);
+}
+
 void read_dictd(const std::string& path, std::vector<SourceItem>& items, std::vector<Problem>& problems,
-                const std::function<void(uint64_t)>& on_progress) {
+                SourceFacts& facts, const std::function<void(uint64_t)>& on_progress) {
     std::string dict_path = dict_file_of(path);
     std::string articles = ends_with(dict_path, ".dz") ? read_gzip_file(dict_path) : read_plain_file(dict_path);
     for_each_line(path, [&](const std::string& line, uint64_t number) {
@@ -219,9 +230,6 @@ void read_dictd(const std::string& path, std::vector<SourceItem>& items, std::ve
             return;
         }
         std::string headword = line.substr(0, first_tab);
-        if (starts_with(headword, "00-database-") || starts_with(headword, "00database")) {
-            return;  // the database's own description, not an article
-        }
         uint64_t offset = 0;
         uint64_t length = 0;
         if (!decode_dictd_number(line.substr(first_tab + 1, second_tab - first_tab - 1), offset) ||
@@ -233,6 +241,18 @@ void read_dictd(const std::string& path, std::vector<SourceItem>& items, std::ve
             problems.push_back({{path, number}, "the article at " + std::to_string(offset) + " (" +
                                                     std::to_string(length) + " bytes) lies outside " + dict_path +
                                                     " (" + std::to_string(articles.size()) + " bytes)"});
+            return;
+        }
+        // The database's own entries describe the index rather than join it.
+        if (headword == "00-database-short" || headword == "00databaseshort") {
+            facts.name = database_text(headword, articles.substr(offset, length));
+            return;
+        }
+        if (headword == "00-database-info" || headword == "00databaseinfo") {
+            facts.description = database_text(headword, articles.substr(offset, length));
+            return;
+        }
+        if (starts_with(headword, "00-database-") || starts_with(headword, "00database")) {
             return;
         }
         items.push_back(SourceItem{headword, articles.substr(offset, length), {path, number}});
@@ -313,11 +333,12 @@ InputFormat format_of_file(const std::string& path) {
 }
 
 void read_items(const std::string& path, InputFormat format, std::vector<SourceItem>& items,
-                std::vector<Problem>& problems, const std::function<void(uint64_t)>& on_progress) {
+                std::vector<Problem>& problems, SourceFacts& facts,
+                const std::function<void(uint64_t)>& on_progress) {
     switch (format) {
         case InputFormat::Tsv: read_tsv(path, items, problems, on_progress); break;
         case InputFormat::Jsonl: read_jsonl(path, items, problems, on_progress); break;
-        case InputFormat::Dictd: read_dictd(path, items, problems, on_progress); break;
+        case InputFormat::Dictd: read_dictd(path, items, problems, facts, on_progress); break;
     }
     on_progress(items.size());
 }

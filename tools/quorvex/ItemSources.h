@@ -43,11 +43,19 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// What an input says about itself: for dictd, the articles of its
+// 00-database-short and 00-database-info entries.
+struct SourceFacts {
+    std::string name;
+    std::string description;
+};
+
 // Reads every item of `path`. Lines that do not parse become problems; the
 // rest become items, in input order. `on_progress` is called now and then
 // with the number of items read so far.
 void read_items(const std::string& path, InputFormat format, std::vector<SourceItem>& items,
-                std::vector<Problem>& problems, const std::function<void(uint64_t)>& on_progress);
+                std::vector<Problem>& problems, SourceFacts& facts,
+                const std::function<void(uint64_t)>& on_progress);
 
 // Why `item` cannot go into an index, or "" when it can: an empty key, a key
 // that is not UTF-8, holds a character outside U+0001..U+FFFE or more than

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <sys/ioctl.h>
@@ -24,10 +25,6 @@ using Clock = std::chrono::steady_clock;
 
 double milliseconds_since(Clock::time_point start) {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
-std::string text_of(const Rc<ByteArray>& bytes) {
-    return std::string(reinterpret_cast<const char*>(bytes->data), bytes->length);
 }
 
 // A JSON value for bytes: the string itself when it is UTF-8, otherwise
@@ -58,8 +55,16 @@ void check_keyword(const std::string& keyword) {
         throw ToolError(EXIT_USAGE, "the keyword has " + std::to_string(keyword.size()) +
                                         " bytes; keywords must be shorter than 255 bytes");
     }
-    if (!is_valid_utf8(keyword)) {
+    std::vector<uint32_t> characters;
+    size_t bad_byte = 0;
+    if (!decode_utf8(keyword, characters, bad_byte)) {
         throw ToolError(EXIT_USAGE, "the keyword is not valid UTF-8");
+    }
+    for (uint32_t character : characters) {
+        if (character > 0xFFFE || character == 0) {
+            throw ToolError(EXIT_USAGE, "the keyword holds " + code_point_name(character) +
+                                            "; keys hold only U+0001..U+FFFE, so nothing could match");
+        }
     }
 }
 
@@ -77,8 +82,13 @@ int run_search(const SearchOptions& options) {
     double load_ms = milliseconds_since(load_start);
 
     Clock::time_point search_start = Clock::now();
-    Rc<std::vector<Rc<Lexarium::Reader::SearchResult>>> results =
-        reader->search(options.keyword, static_cast<uint16>(options.limit));
+    Lexarium::Reader::SearchOptions search_options;
+    search_options.limit = static_cast<uint16>(options.limit);
+    std::vector<Lexarium::Reader::Hit> hits;
+    std::string problem;
+    if (!reader->find(options.keyword, search_options, hits, &problem)) {
+        throw ToolError(EXIT_USAGE, problem);
+    }
     double search_ms = milliseconds_since(search_start);
     // Results that skipped a damaged record would be incomplete: none rather
     // than some.
@@ -86,9 +96,9 @@ int run_search(const SearchOptions& options) {
 
     bool terminal = is_terminal(STDOUT_FILENO);
     size_t columns = terminal ? terminal_columns() : 0;
-    for (const Rc<Lexarium::Reader::SearchResult>& result : *results) {
-        std::string key = text_of(result->key);
-        std::string value = text_of(result->value);
+    for (const Lexarium::Reader::Hit& hit : hits) {
+        std::string key(hit.key);
+        std::string value(hit.value);
         if (options.json) {
             write_out(nlohmann::json{{"key", json_text(key)}, {"value", json_text(value)}}.dump() + "\n");
         } else if (options.full) {
@@ -109,7 +119,7 @@ int run_search(const SearchOptions& options) {
     }
     if (options.stats) {
         std::fprintf(stderr, "quorvex: %zu hit(s) for \"%s\" in %.3f ms (index opened in %.1f ms)\n",
-                     results->size(), options.keyword.c_str(), search_ms, load_ms);
+                     hits.size(), options.keyword.c_str(), search_ms, load_ms);
     }
     return EXIT_OK;
 }
@@ -134,7 +144,7 @@ uint32_t character_count(const uint8_t* text, uint32_t length) {
 // The figures of `quorvex info`, gathered through the record decoders with
 // every record checked: a damaged record is an error naming its file.
 struct IndexFigures {
-    uint64_t items = 0;
+    uint64_t keys = 0;
     uint64_t rows_in_use = 0;
     uint64_t cells = 0;
     uint64_t cells_in_use = 0;
@@ -198,13 +208,15 @@ void count_keys(const Lexarium::Reader::IndexReader& reader, const std::string& 
             throw ToolError(EXIT_DATA, directory + "/key.bin: offset " + std::to_string(offset) + ": " + problem +
                                            " (run quorvex verify " + directory + ")");
         }
-        uint32_t characters = character_count(key.text, key.length);
-        ++figures.keys_by_length[characters];
         previous_pointer = key.data_pointer;
         ++items;
         offset += key.size();
+        if (key.length == 0) {
+            continue;  // the description's key, not an item's
+        }
+        ++figures.keys;
+        ++figures.keys_by_length[character_count(key.text, key.length)];
     }
-    figures.items = items;
     for (uint32_t characters = 0; characters < 256; ++characters) {
         for (const auto& bucket : LENGTH_BUCKETS) {
             if (characters <= bucket.first) {
@@ -235,12 +247,22 @@ int run_info(const InfoOptions& options) {
         longest_character.clear();
     }
 
+    const Lexarium::IndexDescription& described = reader->description();
+    std::string items_text = described.get("items");
+    uint64_t items = items_text.empty() ? figures.keys : std::strtoull(items_text.c_str(), nullptr, 10);
     uint64_t sizes[] = {reader->table_bytes->length, reader->index_bytes->length, reader->key_bytes->length,
                         reader->data_bytes->length};
     const char* names[] = {"table.bin", "index.bin", "key.bin", "data.bin"};
     if (options.json) {
         nlohmann::json out;
-        out["items"] = figures.items;
+        out["items"] = items;
+        out["keys"] = figures.keys;
+        out["folding"] = reader->folding();
+        nlohmann::json fields = nlohmann::json::object();
+        for (const auto& field : described.fields) {
+            fields[field.first] = json_text(field.second);
+        }
+        out["description"] = fields;
         for (int i = 0; i < 4; ++i) {
             out["files"][names[i]] = sizes[i];
         }
@@ -261,7 +283,19 @@ int run_info(const InfoOptions& options) {
         return EXIT_OK;
     }
     std::printf("index      %s\n", options.directory.c_str());
-    std::printf("items      %s\n", with_thousands(figures.items).c_str());
+    for (const char* field : {"name", "source", "tool"}) {
+        std::string text = described.get(field);
+        if (!text.empty()) {
+            std::printf("%-10s %s\n", field, printable(first_line(text)).c_str());
+        }
+    }
+    if (reader->folding() != 0) {
+        std::printf("keys       %s, folded (folding version %u)\n", with_thousands(figures.keys).c_str(),
+                    reader->folding());
+    } else {
+        std::printf("keys       %s, exact\n", with_thousands(figures.keys).c_str());
+    }
+    std::printf("items      %s\n", with_thousands(items).c_str());
     for (int i = 0; i < 4; ++i) {
         std::printf("%-10s %s (%s bytes)\n", names[i], human_bytes(sizes[i]).c_str(), with_thousands(sizes[i]).c_str());
     }
@@ -285,13 +319,28 @@ int run_info(const InfoOptions& options) {
         }
         std::printf("  %7s  %10s  %s\n", bucket.second, with_thousands(count).c_str(), bar.c_str());
     }
+    std::string about = described.get("description");
+    if (!about.empty()) {
+        std::printf("description:\n");
+        write_out(printable(about) + (about.back() == '\n' ? "" : "\n"));
+    }
     return EXIT_OK;
+}
+
+// The items a sound index was built from: what its description says, else
+// one per key record.
+uint64_t items_of_sound_index(const std::string& directory, uint64_t key_records) {
+    Rc<Lexarium::Reader::IndexReader> reader = open_index(directory);
+    std::string items = reader->description().get("items");
+    return items.empty() ? key_records : std::strtoull(items.c_str(), nullptr, 10);
 }
 
 int run_verify(const VerifyOptions& options) {
     check_is_directory(options.directory);
     const Lexarium::IndexVerification verification =
         Lexarium::IndexVerifier::verify_directory(options.directory, options.deep, 1000);
+    uint64_t items = verification.is_sound() ? items_of_sound_index(options.directory, verification.items)
+                                             : verification.items;
     if (options.json) {
         nlohmann::json problems = nlohmann::json::array();
         for (const Lexarium::IndexProblem& problem : verification.problems) {
@@ -299,13 +348,13 @@ int run_verify(const VerifyOptions& options) {
         }
         nlohmann::json out{{"sound", verification.is_sound()},
                            {"deep", options.deep},
-                           {"items", verification.items},
+                           {"items", items},
                            {"problem_count", verification.problem_count},
                            {"problems", problems}};
         std::puts(out.dump(2).c_str());
     } else if (verification.is_sound()) {
         std::printf("%s: sound (%s items, %s checks)\n", options.directory.c_str(),
-                    with_thousands(verification.items).c_str(), options.deep ? "deep" : "structural");
+                    with_thousands(items).c_str(), options.deep ? "deep" : "structural");
     } else {
         for (const Lexarium::IndexProblem& problem : verification.problems) {
             // A file that could not be read is named by its path.

@@ -26,6 +26,11 @@ int main(int argc, char** argv) {
         ->check(CLI::IsMember({"merge", "last", "error"}));
     build_command->add_flag("--force", build.force, "Replace an existing index at OUTPUT_DIR");
     build_command->add_flag("-q,--quiet", build.quiet, "No progress display");
+    build_command->add_flag("--exact", build.exact,
+                            "Store keys as they are; by default they are folded (case, accents, width, kana)");
+    build_command->add_option("--name", build.name, "The index's name (dictd default: 00-database-short)");
+    build_command->add_option("--description", build.description,
+                              "What the index holds (dictd default: 00-database-info)");
     build_command->add_option("INPUT", build.input, "A .tsv, .jsonl or dictd .index file")->required();
     build_command->add_option("OUTPUT_DIR", build.output, "Where the index goes")->required();
 
