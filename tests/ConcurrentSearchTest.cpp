@@ -1,5 +1,5 @@
-// Several threads searching one reader at once must each get exactly what a
-// lone search gets. Built with ThreadSanitizer (QUORVEX_SANITIZE=thread), the
+// Several threads searching one reader at once (search, and find on a
+// folded index) must each get exactly what a lone search gets. Built with ThreadSanitizer (QUORVEX_SANITIZE=thread), the
 // same test shows that nothing on the search path writes shared state.
 #include <gtest/gtest.h>
 
@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "Reader/IndexReader.h"
+#include "Writer/IndexBuilder.h"
 #include "WriterTestSupport.h"
 
 using Lexarium::Reader::IndexReader;
@@ -15,7 +16,28 @@ using namespace quorvex_test;
 
 namespace {
 
-const uint32 ALPHABET[] = {'a', 'e', 'n', 's', 0xE4, 0xDF, 0x430, 0x4E2D};
+const uint32 ALPHABET[] = {'a', 'e', 'n', 's', 'A', 0xE4, 0xC4, 0xDF, 0x430, 0x4E2D};
+
+// The same items as a folded index, searched with find.
+Rc<IndexReader> folded_reader(const Items& items) {
+    Lexarium::Writer::IndexBuilder builder;
+    for (const auto& item : items) {
+        builder.add(item.first, item.second);
+    }
+    Lexarium::Writer::IndexWriter writer;
+    builder.fill(writer);
+    return reader_of(blobs_of(writer.to_bytes()));
+}
+
+std::vector<const char*> found_keys(const IndexReader& reader, const std::string& keyword, uint16 limit) {
+    Lexarium::Reader::SearchOptions options;
+    options.limit = limit;
+    std::vector<Lexarium::Reader::Hit> hits;
+    reader.find(keyword, options, hits, nullptr);
+    std::vector<const char*> keys;
+    for (const auto& hit : hits) keys.push_back(hit.key.data());
+    return keys;
+}
 
 }  // namespace
 
@@ -30,6 +52,7 @@ TEST(ConcurrentSearch, ThreadsSharingOneReaderGetWhatALoneSearchGets) {
         items.emplace_back(key, "value " + std::to_string(i));
     }
     Rc<IndexReader> reader = reader_of(build(items));
+    Rc<IndexReader> folded = folded_reader(items);
 
     std::vector<std::string> keywords;
     for (int i = 0; i < 200; ++i) {
@@ -42,9 +65,11 @@ TEST(ConcurrentSearch, ThreadsSharingOneReaderGetWhatALoneSearchGets) {
     }
     const uint16 limits[] = {0, 3, 20, 65535};
     std::vector<std::vector<const uint8*>> expected;
+    std::vector<std::vector<const char*>> expected_found;
     for (const std::string& keyword : keywords) {
         for (uint16 limit : limits) {
             expected.push_back(key_pointers(*reader->search(keyword, limit)));
+            expected_found.push_back(found_keys(*folded, keyword, limit));
         }
     }
 
@@ -57,7 +82,9 @@ TEST(ConcurrentSearch, ThreadsSharingOneReaderGetWhatALoneSearchGets) {
                     // Each thread walks the keywords from a different start.
                     size_t i = (k + static_cast<size_t>(t) * 50) % keywords.size();
                     for (size_t l = 0; l < std::size(limits); ++l) {
-                        if (key_pointers(*reader->search(keywords[i], limits[l])) != expected[i * std::size(limits) + l]) {
+                        size_t at = i * std::size(limits) + l;
+                        if (key_pointers(*reader->search(keywords[i], limits[l])) != expected[at] ||
+                            found_keys(*folded, keywords[i], limits[l]) != expected_found[at]) {
                             ++mismatches[t];
                         }
                     }

@@ -10,7 +10,7 @@
 #include "IndexVerifier.h"
 #include "Reader/IndexReader.h"
 #include "Writer/IndexBuilder.h"
-#include "TestSupport.h"
+#include "WriterTestSupport.h"
 
 using Hits = std::vector<Lexarium::Reader::Hit>;
 using Lexarium::Reader::IndexReader;
@@ -37,11 +37,7 @@ Rc<IndexReader> build_reader(const std::vector<InputItem>& items, bool folded, T
         std::string error;
         return IndexReader::from_directory_mapped(files->path, &error);
     }
-    Rc<Lexarium::Writer::_IndexData> blobs = writer.to_bytes();
-    return IndexReader::from_bytes(make_bytes(concatenate(blobs->table_chunks)),
-                                   make_bytes(concatenate(blobs->index_chunks)),
-                                   make_bytes(concatenate(blobs->key_chunks)),
-                                   make_bytes(concatenate(blobs->data_chunks)));
+    return reader_of(blobs_of(writer.to_bytes()));
 }
 
 std::vector<FoundItem> find(const IndexReader& reader, const std::string& keyword, uint16 limit) {
@@ -182,13 +178,7 @@ TEST(IndexDescription, TravelsInTheFilesAndStaysOutOfSearches) {
         *reader->table_bytes, *reader->index_bytes, *reader->key_bytes, *reader->data_bytes, true, 10);
     EXPECT_TRUE(verification.is_sound());
 
-    IndexWriter plain;
-    plain.add_word("", bytes_of("not a description"));
-    plain.add_word("haus", bytes_of("house"));
-    Rc<Lexarium::Writer::_IndexData> blobs = plain.to_bytes();
-    Rc<IndexReader> undescribed = IndexReader::from_bytes(
-        make_bytes(concatenate(blobs->table_chunks)), make_bytes(concatenate(blobs->index_chunks)),
-        make_bytes(concatenate(blobs->key_chunks)), make_bytes(concatenate(blobs->data_chunks)));
+    Rc<IndexReader> undescribed = reader_of(build({{"", "not a description"}, {"haus", "house"}}));
     EXPECT_EQ(undescribed->folding(), 0u);
     EXPECT_TRUE(undescribed->description().fields.empty());
     EXPECT_EQ(find(*undescribed, " haus ", 20), (std::vector<FoundItem>{{"haus", "house", 0}}));
