@@ -17,9 +17,9 @@ CMAKE_ARGS   ?=
 BUILD_PACKAGES := cmake make g++ gcc binutils libgtest-dev pkg-config \
                   libcli11-dev nlohmann-json3-dev zlib1g-dev valgrind
 BENCH_PACKAGES := libbenchmark-dev
-# The real dictionary some tests search, and the Unicode data the folding
+# The real dictionaries some tests search, and the Unicode data the folding
 # tables are checked against; without them those tests are skipped.
-TEST_PACKAGES  := dict-freedict-deu-eng unicode-data
+TEST_PACKAGES  := dict-freedict-deu-eng dict-gcide unicode-data
 
 ENSURE := scripts/ensure-packages
 

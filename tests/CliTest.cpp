@@ -26,30 +26,10 @@ const std::set<std::string> BLOBS = {"data.bin", "index.bin", "key.bin", "table.
 
 // ---- Running the tool
 
-struct ToolRun {
-    int status = -1;  // the exit status; -1 when the tool did not exit (a signal, an abort)
-    std::string out;
-    std::string err;
-};
-
-// Runs the tool with `args`, stdout and stderr caught in two temporary files.
+// Runs the tool with `args`.
 ToolRun run(std::vector<std::string> args) {
     args.insert(args.begin(), TOOL);
-    ToolRun result;
-    FILE* out = std::tmpfile();
-    FILE* err = std::tmpfile();
-    if (out == nullptr || err == nullptr) {
-        ADD_FAILURE() << "tmpfile failed";
-        return result;
-    }
-    result.status = exit_status(start_process(args, out, err));
-    for (auto [file, text] : {std::make_pair(out, &result.out), std::make_pair(err, &result.err)}) {
-        char buffer[65536];
-        std::rewind(file);
-        for (size_t count; (count = std::fread(buffer, 1, sizeof buffer, file)) > 0;) text->append(buffer, count);
-        std::fclose(file);
-    }
-    return result;
+    return run_program(args);
 }
 
 std::string describe(const ToolRun& r) {

@@ -115,6 +115,33 @@ inline int exit_status(pid_t child) {
     return exited ? WEXITSTATUS(status) : -1;
 }
 
+// What a program run printed and how it ended.
+struct ToolRun {
+    int status = -1;  // the exit status; -1 when the program did not exit (a signal, an abort)
+    std::string out;
+    std::string err;
+};
+
+// Runs `args` (the program first), stdout and stderr caught in two
+// temporary files.
+inline ToolRun run_program(const std::vector<std::string>& args) {
+    ToolRun result;
+    FILE* out = std::tmpfile();
+    FILE* err = std::tmpfile();
+    if (out == nullptr || err == nullptr) {
+        result.err = "tmpfile failed";
+        return result;
+    }
+    result.status = exit_status(start_process(args, out, err));
+    for (auto [file, text] : {std::make_pair(out, &result.out), std::make_pair(err, &result.err)}) {
+        char buffer[65536];
+        std::rewind(file);
+        for (size_t count; (count = std::fread(buffer, 1, sizeof buffer, file)) > 0;) text->append(buffer, count);
+        std::fclose(file);
+    }
+    return result;
+}
+
 }  // namespace quorvex_test
 
 #endif
