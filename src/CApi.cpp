@@ -351,6 +351,12 @@ SearchOptionsHandle* search_options_new(void) { return new (std::nothrow) Search
 
 void search_options_set_limit(SearchOptionsHandle* options, uint16_t limit) { options->options.limit = limit; }
 
+void search_options_set_mode(SearchOptionsHandle* options, int mode) {
+    options->options.mode = static_cast<Lexarium::Reader::MatchMode>(mode);
+}
+
+void search_options_set_typos(SearchOptionsHandle* options, uint8_t typos) { options->options.typos = typos; }
+
 void search_options_free(SearchOptionsHandle* options) { delete options; }
 
 SearchHitsHandle* index_reader_find(IndexReaderHandle* reader, const char* keyword, const SearchOptionsHandle* options,
@@ -393,6 +399,10 @@ const uint8_t* search_hits_get_value(const SearchHitsHandle* hits, uint32_t inde
 
 uint32_t search_hits_get_position(const SearchHitsHandle* hits, uint32_t index) {
     return index < hits->hits.size() ? hits->hits[index].position : 0;
+}
+
+uint32_t search_hits_get_edits(const SearchHitsHandle* hits, uint32_t index) {
+    return index < hits->hits.size() ? hits->hits[index].edits : 0;
 }
 
 void search_hits_free(SearchHitsHandle* hits) { delete hits; }

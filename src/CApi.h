@@ -276,6 +276,23 @@ QUORVEX_API SearchOptionsHandle* search_options_new(void);
 /* At most `limit` hits; 0 gives none. */
 QUORVEX_API void search_options_set_limit(SearchOptionsHandle* options, uint16_t limit);
 
+/* How the keyword is read: QUORVEX_MATCH_PLAIN (the default) as text to
+ * find; QUORVEX_MATCH_PATTERN as a pattern, where "?" stands for any one
+ * character, "^" first anchors the match at the start of the key, "$" last
+ * at its end, and "\" makes the next character literal. Another value
+ * makes index_reader_find fail with a message. */
+#define QUORVEX_MATCH_PLAIN 0
+#define QUORVEX_MATCH_PATTERN 1
+QUORVEX_API void search_options_set_mode(SearchOptionsHandle* options, int mode);
+
+/* Typos forgiven (plain mode only): 0, 1 or 2 edits, each a character
+ * substituted, inserted or deleted or two adjacent ones swapped, counted on
+ * folded text in a folded index. Capped by the keyword's length in
+ * characters: none under 4, at most 1 from 4 to 7, 2 from 8 on. Hits then
+ * come by their edits first. More than 2, or typos with a pattern, make
+ * index_reader_find fail with a message. */
+QUORVEX_API void search_options_set_typos(SearchOptionsHandle* options, uint8_t typos);
+
 /* NULL is ignored. */
 QUORVEX_API void search_options_free(SearchOptionsHandle* options);
 
@@ -283,21 +300,25 @@ QUORVEX_API void search_options_free(SearchOptionsHandle* options);
 typedef struct SearchHitsHandle SearchHitsHandle;
 
 /* The items of `reader` whose keys contain `keyword` (NUL-terminated
- * UTF-8), each item once: in a folded index the keyword is folded as the
- * keys were, and each hit gives an item's key as it was put in; in an exact
- * index it only loses white space at both ends. Keys that begin with the
- * keyword come first, then those holding it from their second character
- * on, and so on; within one position in key order, and within one folded
- * entry the items whose key holds the keyword as typed first, then the
- * others in input order. `options` NULL means the defaults.
+ * UTF-8; or match it as a pattern, or with typos: see the options), each
+ * item once: in a folded index the keyword is folded as the keys were, and
+ * each hit gives an item's key as it was put in; in an exact index it only
+ * loses white space at both ends. Keys that begin with the keyword come
+ * first, then those holding it from their second character on, and so on;
+ * within one position in key order, and within one folded entry the items
+ * whose key holds the keyword as typed first, then the others in input
+ * order. With typos, hits with fewer edits come before all others. Each
+ * item comes at its best match. `options` NULL means the defaults.
  *
  * Never stops the process: on a NULL or invalid keyword (not UTF-8, a
- * character outside U+0001..U+FFFE, 255 bytes or more once folded) or no
- * memory it returns NULL and, when `error` is not NULL, stores a message in
- * *error, released with quorvex_free. A keyword of white space only gives
- * no hits. Several threads may search one reader at once. The caller
- * releases the result with search_hits_free; the keys and values it views
- * stay valid while the reader lives. */
+ * character outside U+0001..U+FFFE, 255 bytes or more once folded), a
+ * malformed pattern (no literal character, a "\" with nothing after it,
+ * "^" or "$" elsewhere than first or last), options that do not go
+ * together, or no memory, it returns NULL and, when `error` is not NULL,
+ * stores a message in *error, released with quorvex_free. A keyword of
+ * white space only gives no hits. Several threads may search one reader at
+ * once. The caller releases the result with search_hits_free; the keys and
+ * values it views stay valid while the reader lives. */
 QUORVEX_API SearchHitsHandle* index_reader_find(IndexReaderHandle* reader, const char* keyword,
                                                 const SearchOptionsHandle* options, char** error);
 
@@ -317,6 +338,10 @@ QUORVEX_API const uint8_t* search_hits_get_value(const SearchHitsHandle* hits, u
  * keyword (0: the key begins with it); 0 when `index` is not below the
  * count. */
 QUORVEX_API uint32_t search_hits_get_position(const SearchHitsHandle* hits, uint32_t index);
+
+/* The edits hit number `index` took (0 but with typos); 0 when `index` is
+ * not below the count. */
+QUORVEX_API uint32_t search_hits_get_edits(const SearchHitsHandle* hits, uint32_t index);
 
 /* NULL is ignored. */
 QUORVEX_API void search_hits_free(SearchHitsHandle* hits);

@@ -213,12 +213,36 @@ static void folded_search(void) {
     search_hits_free(hits);
     search_options_free(options);
 
-    static const char* const bad[] = {"\xFF", "\xF0\x9F\x98\x80", NULL};
+    /* A pattern, and typos: "strase" is one edit from "strasse". */
+    options = search_options_new();
+    search_options_set_mode(options, QUORVEX_MATCH_PATTERN);
+    hits = index_reader_find(reader, "^STRA?SE$", options, NULL);
+    CHECK(hits != NULL && search_hits_get_count(hits) == 2 && hit_key_is(hits, 0, "Stra\xC3\x9F" "e"));
+    search_hits_free(hits);
+    search_options_set_mode(options, QUORVEX_MATCH_PLAIN);
+    search_options_set_typos(options, 1);
+    hits = index_reader_find(reader, "strase", options, NULL);
+    CHECK(hits != NULL && search_hits_get_count(hits) == 2 && search_hits_get_edits(hits, 1) == 1);
+    search_hits_free(hits);
+
+    /* Keywords, patterns and options that cannot be searched. */
+    static const struct {
+        const char* keyword;
+        int mode;
+        uint8_t typos;
+    } bad[] = {{"\xFF", QUORVEX_MATCH_PLAIN, 0},   {"\xF0\x9F\x98\x80", QUORVEX_MATCH_PLAIN, 0},
+               {NULL, QUORVEX_MATCH_PLAIN, 0},       {"ab\\", QUORVEX_MATCH_PATTERN, 0},
+               {"??", QUORVEX_MATCH_PATTERN, 0},      {"a^b", QUORVEX_MATCH_PATTERN, 0},
+               {"haus", QUORVEX_MATCH_PATTERN, 1},    {"haus", QUORVEX_MATCH_PLAIN, 3},
+               {"haus", 7, 0}};
     for (size_t i = 0; i < sizeof bad / sizeof bad[0]; ++i) {
+        search_options_set_mode(options, bad[i].mode);
+        search_options_set_typos(options, bad[i].typos);
         error = NULL;
-        CHECK(index_reader_find(reader, bad[i], NULL, &error) == NULL && error != NULL);
+        CHECK(index_reader_find(reader, bad[i].keyword, options, &error) == NULL && error != NULL);
         quorvex_free(error);
     }
+    search_options_free(options);
     index_reader_free(reader);
 
     char* folded = quorvex_fold("  \xEF\xBC\xB3\xEF\xBC\xB4raSSe  \xC3\x9C" "ber ", &error);

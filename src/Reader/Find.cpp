@@ -1,5 +1,6 @@
-// find(): the search that returns each item once, folded or exact, and
-// never stops the process over its keyword.
+// find(): the search that returns each item once, folded or exact, plain,
+// as a pattern or with typos, and never stops the process over what it is
+// asked. The plain search is here; patterns and typos are in Approximate.cpp.
 #include <algorithm>
 #include <new>
 
@@ -16,7 +17,7 @@ namespace {
 
 bool is_space(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
 
-std::string trimmed(const std::string& text) {
+string trimmed(const string& text) {
     size_t begin = 0;
     size_t end = text.size();
     while (begin < end && is_space(text[begin])) {
@@ -78,59 +79,76 @@ bool IndexReader::searched_form(const string& keyword, string& text, string* err
     return why.empty();
 }
 
-// The entries that hold `text`, each once, at most `limit` of them, with the
-// position of each: position by position as search() goes, each position
-// told which entries earlier ones found so that it passes them over.
-void IndexReader::find_entries(const string& text, uint16 limit, std::vector<Rc<SearchResult>>& entries,
-                               std::vector<uint8>& positions) const {
+// The entries that hold `text` and are not in `seen` (ascending key record
+// offsets, which gains them), each once, at most `limit` of them, with
+// the position of each: position by position as search() goes, each
+// position told which entries earlier ones found so that it passes them
+// over.
+void IndexReader::find_entries(const string& text, uint16 limit, std::vector<uint32>& seen,
+                               std::vector<Found>& found) const {
     Keyword prepared = this->prepare(text);
-    std::vector<uint32> found;  // key record offsets, ascending
-    prepared.found = &found;
+    prepared.found = &seen;
     int32_t last = this->last_position(prepared);
     bool intersect = prepared.characters.size() >= 2;
     Scratch scratch;
     scratch.steps_left = ENTRY_BY_ENTRY_STEPS;
     scratch.chunk_size = 0;
-    for (int32_t char_position = 0; char_position <= last && entries.size() < limit; ++char_position) {
-        size_t before = entries.size();
-        uint16 remaining = static_cast<uint16>(limit - entries.size());
+    std::vector<Rc<SearchResult>> entries;
+    for (int32_t char_position = 0; char_position <= last && found.size() < limit; ++char_position) {
+        uint16 remaining = static_cast<uint16>(limit - found.size());
         uint8 position = static_cast<uint8>(char_position);
+        entries.clear();
         if (intersect) {
             this->search_intersecting(prepared, remaining, &entries, position, scratch);
         } else {
             this->search_one_character(prepared, remaining, &entries, position);
         }
-        positions.resize(entries.size(), position);
         // The new entries ascend (key order is key.bin order): merge them in.
-        size_t middle = found.size();
-        for (size_t i = before; i < entries.size(); ++i) {
-            found.push_back(static_cast<uint32>(entries[i]->key->data - this->key_bytes->data) -
-                            Format::KEY_RECORD_HEADER_SIZE);
+        size_t middle = seen.size();
+        for (const Rc<SearchResult>& entry : entries) {
+            uint32 offset = static_cast<uint32>(entry->key->data - this->key_bytes->data) - Format::KEY_RECORD_HEADER_SIZE;
+            found.push_back(Found{offset, position, 0});
+            seen.push_back(offset);
         }
-        std::inplace_merge(found.begin(), found.begin() + static_cast<std::ptrdiff_t>(middle), found.end());
+        std::inplace_merge(seen.begin(), seen.begin() + static_cast<std::ptrdiff_t>(middle), seen.end());
     }
 }
 
-// Appends the items of one entry found at `position`: of a folded index,
-// those whose key holds the keyword as typed first, then the rest, each
-// group in input order; of an exact index, the entry itself.
-void IndexReader::add_items(const SearchResult& entry, uint8 position, const string& typed, uint16 limit,
-                            std::vector<Hit>& hits) const {
-    std::string_view key = view_of(entry.key->data, entry.key->length);
-    std::string_view value = view_of(entry.value->data, entry.value->length);
+// The key and value records of the entry at `entry`, checked as a search
+// checks them; false (counted as damage) when one lies outside its file.
+bool IndexReader::entry_of(uint32 entry, Records::Key& key, Records::Value& value) const {
+    if (!Records::decode_from(*this->key_bytes, entry, key)) {
+        bool starts_inside = uint64_t{entry} + Format::KEY_RECORD_HEADER_SIZE <= this->key_bytes->length;
+        this->outside(*this->key_bytes, starts_inside ? KEY : INDEX);
+        return false;
+    }
+    if (!Records::decode_from(*this->data_bytes, key.data_pointer, value)) {
+        bool starts_inside = uint64_t{key.data_pointer} + Format::VALUE_RECORD_HEADER_SIZE <= this->data_bytes->length;
+        this->outside(*this->data_bytes, starts_inside ? DATA : KEY);
+        return false;
+    }
+    return true;
+}
+
+// Appends the items of one entry: of a folded index, those whose key holds
+// the keyword as typed first, then the rest, each group in input order; of
+// an exact index, the entry itself.
+void IndexReader::add_items(std::string_view key, std::string_view value, const Found& found, const string& typed,
+                            uint16 limit, std::vector<Hit>& hits) const {
     if (this->folding_version == 0) {
-        hits.push_back(Hit{key, value, position});
+        hits.push_back(Hit{key, value, found.position, found.edits});
         return;
     }
     size_t first = hits.size();
+    const uint8* bytes = reinterpret_cast<const uint8*>(value.data());
     for (uint64_t offset = 0; offset < value.size();) {
         Records::Pair pair;
-        if (!Records::Pair::decode_from(entry.value->data, value.size(), offset, pair)) {
+        if (!Records::Pair::decode_from(bytes, value.size(), offset, pair)) {
             this->passed_over[DATA].fetch_add(1, std::memory_order_relaxed);
             break;
         }
         std::string_view original = pair.first_length == 0 ? key : view_of(pair.first, pair.first_length);
-        hits.push_back(Hit{original, view_of(pair.second, pair.second_length), position});
+        hits.push_back(Hit{original, view_of(pair.second, pair.second_length), found.position, found.edits});
         offset += pair.size();
     }
     auto exactly_typed = [&typed](const Hit& hit) { return hit.key.find(typed) != std::string_view::npos; };
@@ -144,28 +162,57 @@ bool IndexReader::find(const string& keyword, const SearchOptions& options, std:
                        string* error) const {
     try {
         hits.clear();
-        string text;
-        if (!this->searched_form(keyword, text, error)) {
-            return false;
+        std::vector<Found> found;
+        string typed;  // what items of one entry are ordered by
+        if (options.mode != MatchMode::Plain && options.mode != MatchMode::Pattern) {
+            return this->fail("unknown match mode", error);
         }
-        if (text.empty() || options.limit == 0) {
-            return true;
+        if (options.mode == MatchMode::Pattern) {
+            if (options.typos != 0) {
+                return this->fail("typos do not combine with a pattern", error);
+            }
+            if (!this->find_pattern(keyword, options.limit, found, error)) {
+                return false;
+            }
+        } else {
+            string text;
+            if (options.typos > 2) {
+                return this->fail("at most 2 typos can be forgiven", error);
+            }
+            if (!this->searched_form(keyword, text, error)) {
+                return false;
+            }
+            if (text.empty() || options.limit == 0) {
+                return true;
+            }
+            typed = trimmed(keyword);
+            if (options.typos == 0) {
+                std::vector<uint32> seen;
+                this->find_entries(text, options.limit, seen, found);
+            } else {
+                this->find_with_typos(text, options.typos, options.limit, found);
+            }
         }
-        std::vector<Rc<SearchResult>> entries;
-        std::vector<uint8> positions;
-        this->find_entries(text, options.limit, entries, positions);
-        string typed = trimmed(keyword);
-        for (size_t i = 0; i < entries.size() && hits.size() < options.limit; ++i) {
-            this->add_items(*entries[i], positions[i], typed, options.limit, hits);
+        for (size_t i = 0; i < found.size() && hits.size() < options.limit; ++i) {
+            Records::Key key;
+            Records::Value value;
+            if (this->entry_of(found[i].entry, key, value)) {
+                this->add_items(view_of(key.text, key.length), view_of(value.bytes, value.length), found[i], typed,
+                                options.limit, hits);
+            }
         }
         return true;
     } catch (const std::bad_alloc&) {
         hits.clear();
-        if (error != nullptr) {
-            *error = "out of memory";
-        }
-        return false;
+        return this->fail("out of memory", error);
     }
+}
+
+bool IndexReader::fail(const char* why, string* error) const {
+    if (error != nullptr) {
+        *error = why;
+    }
+    return false;
 }
 
 }  // namespace Lexarium::Reader

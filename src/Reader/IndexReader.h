@@ -30,20 +30,41 @@ struct MappedIndex;   // internal to the reader
 // closed on every path.
 QUORVEX_API Rc<ByteArray> read_file(const std::string& file_path);
 
-// What find() is asked for. Later match modes join these fields; a
-// default-made record asks for the plain search.
+// How find() reads its keyword.
+enum class MatchMode : uint8 {
+    // The keyword is text to find as it is (folded in a folded index).
+    Plain = 0,
+    // The keyword is a pattern: "?" stands for any one character, "^" first
+    // anchors the match at the start of the key, "$" last at its end ("^haus$"
+    // is the whole key), and "\" makes the next character literal. A
+    // pattern needs one literal character at least.
+    Pattern = 1,
+};
+
+// What find() is asked for; a default-made record asks for the plain
+// search of the first 20 items.
 struct SearchOptions {
     // At most this many hits; 0 gives none.
     uint16 limit = 20;
+    MatchMode mode = MatchMode::Plain;
+    // Typos forgiven (plain mode only): a key matches when some run of its
+    // characters is within this many edits of the keyword, an edit being a
+    // character substituted, inserted or deleted, or two adjacent ones
+    // swapped; counted on folded text in a folded index. 0, 1 or 2, capped
+    // by the keyword's length in characters (folded): none under 4, at most
+    // 1 from 4 to 7, 2 from 8 on.
+    uint8 typos = 0;
 };
 
 // One hit of find(): an item's key as it was put in and its value, both
-// views into the reader's files (valid while the reader lives), and the
-// character of the stored key at which the keyword was found.
+// views into the reader's files (valid while the reader lives), the
+// character of the stored key at which the match begins, and the edits it
+// took (0 but with typos).
 struct Hit {
     std::string_view key;
     std::string_view value;
     uint8 position;
+    uint8 edits;
 };
 
 // IndexReader: holds the four blobs of an index and searches them. The
@@ -141,8 +162,10 @@ public:
     // The folding version of the index's keys (Fold.h), 0 for exact keys.
     uint32 folding() const { return this->folding_version; }
 
-    // The items whose keys contain `keyword`, each once, at most
-    // `options.limit` of them, into `hits` (cleared first).
+    // The items whose keys contain `keyword` (or match it as a pattern, or
+    // with typos: see SearchOptions), each once, at most `options.limit` of
+    // them, into `hits` (cleared first). With typos, hits come by their
+    // edits first, fewest first; each item at its best match.
     //
     // In a folded index the keyword is folded as the keys were (so "Haus"
     // finds "haus" and "strasse" "straße"), and each entry gives the items
@@ -156,8 +179,10 @@ public:
     //
     // Never stops the process and throws nothing: on a keyword that is not
     // UTF-8, holds a character no key can hold (outside U+0001..U+FFFE) or
-    // is 255 bytes or more once folded, or when memory runs out, it returns
-    // false with a message in `error` (when not null). A keyword of white
+    // is 255 bytes or more once folded, on a malformed pattern (no literal
+    // character, a "\" at the end, "^" or "$" elsewhere than first or
+    // last), on typos above 2 or with a pattern, or when memory runs out, it
+    // returns false with a message in `error` (when not null). A keyword of white
     // space only finds nothing. On a reader made from files that are not
     // sound, the records a search reaches are checked as the other searches
     // check them (see from_directory_mapped and from_bytes). Any number of
@@ -219,10 +244,18 @@ private:
 
     void read_description();
     bool searched_form(const std::string& keyword, std::string& text, std::string* error) const;
-    void find_entries(const std::string& text, uint16 limit, std::vector<Rc<SearchResult>>& entries,
-                      std::vector<uint8>& positions) const;
-    void add_items(const SearchResult& entry, uint8 position, const std::string& typed, uint16 limit,
-                   std::vector<Hit>& hits) const;
+    struct Found;
+    struct Cell;
+    void find_entries(const std::string& text, uint16 limit, std::vector<uint32>& seen,
+                      std::vector<Found>& found) const;
+    void add_items(std::string_view key, std::string_view value, const Found& found, const std::string& typed,
+                   uint16 limit, std::vector<Hit>& hits) const;
+    bool entry_of(uint32 entry, Records::Key& key, Records::Value& value) const;
+    bool fail(const char* why, std::string* error) const;
+    void entries_with(const std::vector<Cell>& cells, std::vector<uint32>& out) const;
+    uint32 horizon(const std::vector<uint32>& characters) const;
+    bool find_pattern(const std::string& pattern, uint16 limit, std::vector<Found>& found, std::string* error) const;
+    void find_with_typos(const std::string& text, uint8 budget, uint16 limit, std::vector<Found>& found) const;
     Keyword prepare(const std::string& keyword) const;
     Records::Row row(uint32 code_point) const;
     bool inside_index(uint64_t offset, uint64_t count) const;

@@ -29,6 +29,20 @@ struct IndexReader::Keyword {
     const std::vector<uint32>* found;
 };
 
+// An entry find() has matched: its key record, where the match begins, and
+// the edits it took.
+struct IndexReader::Found {
+    uint32 entry;
+    uint8 position;
+    uint8 edits;
+};
+
+// A character at a position: the cell whose posting list find() wants.
+struct IndexReader::Cell {
+    uint32 code_point;
+    uint32 position;
+};
+
 // A key that holds the keyword, between checking its record and reading
 // its value.
 struct IndexReader::Match {

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -244,27 +245,111 @@ struct InputItem {
     std::string value;
 };
 
-// One hit of find: the key as put in, the value, the position.
+// One hit of find: the key as put in, the value, where the match begins and
+// the edits it took.
 struct FoundItem {
     std::string key;
     std::string value;
     uint32 position;
+    uint32 edits = 0;
     bool operator==(const FoundItem& other) const {
-        return key == other.key && value == other.value && position == other.position;
+        return key == other.key && value == other.value && position == other.position && edits == other.edits;
     }
 };
 
 inline std::ostream& operator<<(std::ostream& out, const FoundItem& hit) {
-    return out << '"' << hit.key << "\"@" << hit.position;
+    return out << '"' << hit.key << "\"@" << hit.position << "+" << hit.edits;
+}
+
+inline std::vector<uint32> characters_of(const std::string& text) {
+    std::vector<uint32> characters;
+    Lexarium::Utf8::decode_well_formed(reinterpret_cast<const uint8*>(text.data()), text.size(), characters);
+    return characters;
+}
+
+// Where a key matches, by its rules: the fewest edits, then the first
+// character; none when it does not.
+struct Match {
+    uint32 edits;
+    uint32 position;
+};
+typedef std::function<bool(const std::vector<uint32>& key, Match& best)> Matcher;
+
+// The plain search: the first character from which the key holds `searched`.
+inline Matcher plain_matcher(const std::string& searched) {
+    std::vector<uint32> wanted = characters_of(searched);
+    return [wanted](const std::vector<uint32>& key, Match& best) {
+        for (size_t p = 0; !wanted.empty() && p + wanted.size() <= key.size(); ++p) {
+            if (std::equal(wanted.begin(), wanted.end(), key.begin() + static_cast<std::ptrdiff_t>(p))) {
+                best = Match{0, static_cast<uint32>(p)};
+                return true;
+            }
+        }
+        return false;
+    };
+}
+
+// The fewest edits between a and b: substitutions, insertions, deletions and
+// swaps of adjacent characters, no character edited twice.
+inline uint32 edit_distance(const std::vector<uint32>& a, const std::vector<uint32>& b) {
+    std::vector<std::vector<uint32>> d(a.size() + 1, std::vector<uint32>(b.size() + 1));
+    for (size_t i = 0; i <= a.size(); ++i) {
+        for (size_t j = 0; j <= b.size(); ++j) {
+            if (i == 0 || j == 0) {
+                d[i][j] = static_cast<uint32>(i + j);
+                continue;
+            }
+            d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1, d[i - 1][j - 1] + (a[i - 1] == b[j - 1] ? 0u : 1u)});
+            if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1]) {
+                d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
+            }
+        }
+    }
+    return d[a.size()][b.size()];
+}
+
+// Typos: every run of the key against the keyword, within `budget` edits.
+inline Matcher typo_matcher(const std::string& searched, uint32 budget) {
+    std::vector<uint32> wanted = characters_of(searched);
+    return [wanted, budget](const std::vector<uint32>& key, Match& best) {
+        bool any = false;
+        for (size_t s = 0; s <= key.size(); ++s) {
+            for (size_t e = s; e <= key.size(); ++e) {
+                uint32 d = edit_distance(wanted, std::vector<uint32>(key.begin() + static_cast<std::ptrdiff_t>(s),
+                                                                     key.begin() + static_cast<std::ptrdiff_t>(e)));
+                if (d <= budget && (!any || d < best.edits || (d == best.edits && s < best.position))) {
+                    best = Match{d, static_cast<uint32>(s)};
+                    any = true;
+                }
+            }
+        }
+        return any;
+    };
+}
+
+// A pattern already parsed: characters, UINT32_MAX for "?", and anchors.
+inline Matcher pattern_matcher(const std::vector<uint32>& pattern, bool at_start, bool at_end) {
+    return [=](const std::vector<uint32>& key, Match& best) {
+        for (size_t p = 0; p + pattern.size() <= key.size() && (p == 0 || !at_start); ++p) {
+            bool matches = !at_end || p + pattern.size() == key.size();
+            for (size_t j = 0; j < pattern.size() && matches; ++j) {
+                matches = pattern[j] == UINT32_MAX || pattern[j] == key[p + j];
+            }
+            if (matches) {
+                best = Match{0, static_cast<uint32>(p)};
+                return true;
+            }
+        }
+        return false;
+    };
 }
 
 // find by its rules alone, over the items as given to an IndexBuilder (all
 // of them accepted): entries are the folded keys (or, exact, the keys, the
-// last value winning); an entry matches at the first character from which
-// its key holds `searched` (the keyword as the index searches it); entries
-// by position, then key bytes; within an entry the items whose key holds
-// the keyword as typed (`typed`) first, then the rest, in input order.
-inline std::vector<FoundItem> reference_find(const std::vector<InputItem>& items, bool folded, const std::string& searched,
+// last value winning); each entry at its best match; entries by edits, then
+// position, then key bytes; within an entry the items whose key holds the
+// keyword as typed (`typed`) first, then the rest, in input order.
+inline std::vector<FoundItem> reference_find(const std::vector<InputItem>& items, bool folded, const Matcher& matches,
                                              const std::string& typed, uint16 limit) {
     std::map<std::string, std::vector<const InputItem*>> entries;
     for (const InputItem& item : items) {
@@ -276,18 +361,16 @@ inline std::vector<FoundItem> reference_find(const std::vector<InputItem>& items
             entries[stored] = {&item};
         }
     }
-    std::vector<std::pair<uint32, const std::string*>> found;  // (position, entry key)
+    std::vector<std::pair<Match, const std::string*>> found;
     for (const auto& entry : entries) {
-        std::vector<size_t> starts = character_starts(entry.first);
-        for (size_t position = 0; position + 1 < starts.size() && !searched.empty(); ++position) {
-            if (entry.first.compare(starts[position], searched.size(), searched) == 0) {
-                found.emplace_back(static_cast<uint32>(position), &entry.first);
-                break;
-            }
+        Match best{};
+        if (matches(characters_of(entry.first), best)) {
+            found.emplace_back(best, &entry.first);
         }
     }
-    std::stable_sort(found.begin(), found.end(),
-                     [](const auto& a, const auto& b) { return a.first < b.first; });  // map order within
+    std::stable_sort(found.begin(), found.end(), [](const auto& a, const auto& b) {
+        return std::make_pair(a.first.edits, a.first.position) < std::make_pair(b.first.edits, b.first.position);
+    });
     std::vector<FoundItem> hits;
     for (const auto& match : found) {
         std::vector<const InputItem*> group = entries[*match.second];
@@ -295,7 +378,7 @@ inline std::vector<FoundItem> reference_find(const std::vector<InputItem>& items
             return !folded || item->key.find(typed) != std::string::npos;
         });
         for (const InputItem* item : group) {
-            hits.push_back(FoundItem{item->key, item->value, match.first});
+            hits.push_back(FoundItem{item->key, item->value, match.first.position, match.first.edits});
         }
     }
     if (hits.size() > limit) {
@@ -307,7 +390,7 @@ inline std::vector<FoundItem> reference_find(const std::vector<InputItem>& items
 inline std::vector<FoundItem> found_items(const std::vector<Lexarium::Reader::Hit>& hits) {
     std::vector<FoundItem> out;
     for (const auto& hit : hits) {
-        out.push_back(FoundItem{std::string(hit.key), std::string(hit.value), hit.position});
+        out.push_back(FoundItem{std::string(hit.key), std::string(hit.value), hit.position, hit.edits});
     }
     return out;
 }
