@@ -5,6 +5,7 @@
 // for), typos from the cells of pieces of the keyword that an edit leaves
 // whole. Each candidate is then checked on its key's characters.
 #include <algorithm>
+#include <map>
 
 #include "Fold.h"
 #include "Reader/IndexReader.h"
@@ -194,17 +195,23 @@ void IndexReader::entries_with(const std::vector<Cell>& cells, std::vector<uint3
         }
     }
     std::sort(lists, lists + count, [](const PostingList& a, const PostingList& b) { return a.count < b.count; });
-    for (uint32 i = 0; i < lists[0].count; ++i) {
+    // Leapfrog: the shortest list proposes, each other list either holds the
+    // entry or names the next it could hold, where the proposals go on.
+    uint32 i = 0;
+    while (i < lists[0].count) {
         uint32 entry = lists[0].at(i);
-        bool everywhere = true;
-        for (size_t k = 1; k < count && everywhere; ++k) {
+        uint32 next = entry;
+        for (size_t k = 1; k < count && next == entry; ++k) {
             if (!lists[k].seek(cursors[k], entry)) {
                 return;
             }
-            everywhere = lists[k].at(cursors[k]) == entry;
+            next = lists[k].at(cursors[k]);
         }
-        if (everywhere) {
+        if (next == entry) {
             out.push_back(entry);
+            ++i;
+        } else if (!lists[0].seek(i, next)) {
+            return;
         }
     }
 }
@@ -243,9 +250,8 @@ bool IndexReader::find_pattern(const string& text, uint16 limit, std::vector<Fou
         size_t middle = seen.size();
         for (uint32 entry : candidates) {
             Records::Key key;
-            Records::Value value;
             if (found.size() >= limit || std::binary_search(seen.begin(), seen.begin() + middle, entry) ||
-                !this->entry_of(entry, key, value)) {
+                !this->entry_of(entry, key, nullptr)) {
                 continue;
             }
             characters_of(key, characters);
@@ -282,9 +288,17 @@ void IndexReader::find_with_typos(const string& text, uint8 typos, uint16 limit,
     uint32 last = this->horizon(keyword);
     std::vector<uint32> candidates, characters, rows[3];
     std::vector<Cell> cells;
+    // A piece at a place serves several positions (one per shift) and often
+    // several variants of the keyword: its entries are kept until the
+    // positions have passed it.
+    std::map<std::pair<uint32, std::vector<uint32>>, std::vector<uint32>> pieces_at;
     for (uint32 edits = 1; edits <= budget && found.size() < limit; ++edits) {
+        pieces_at.clear();
         for (uint32 position = 0; position < last + edits && position < Format::MAX_CELLS_PER_ROW && found.size() < limit;
              ++position) {
+            while (!pieces_at.empty() && pieces_at.begin()->first.first + edits < position) {
+                pieces_at.erase(pieces_at.begin());
+            }
             candidates.clear();
             for (uint32 swaps = 0; swaps <= 1; ++swaps) {
                 uint32 others = edits - swaps;
@@ -296,11 +310,19 @@ void IndexReader::find_with_typos(const string& text, uint8 typos, uint16 limit,
                             if (at < 0) {
                                 continue;
                             }
-                            cells.clear();
-                            for (size_t j = starts[piece]; j < starts[piece + 1]; ++j) {
-                                cells.push_back(Cell{swapped[j], static_cast<uint32>(at + static_cast<int64_t>(j - starts[piece]))});
+                            auto key = std::make_pair(static_cast<uint32>(at),
+                                                      std::vector<uint32>(swapped.begin() + static_cast<std::ptrdiff_t>(starts[piece]),
+                                                                          swapped.begin() + static_cast<std::ptrdiff_t>(starts[piece + 1])));
+                            auto cached = pieces_at.find(key);
+                            if (cached == pieces_at.end()) {
+                                cells.clear();
+                                for (size_t j = 0; j < key.second.size(); ++j) {
+                                    cells.push_back(Cell{key.second[j], key.first + static_cast<uint32>(j)});
+                                }
+                                cached = pieces_at.emplace(std::move(key), std::vector<uint32>()).first;
+                                this->entries_with(cells, cached->second);
                             }
-                            this->entries_with(cells, candidates);
+                            candidates.insert(candidates.end(), cached->second.begin(), cached->second.end());
                         }
                     }
                 });
@@ -310,9 +332,8 @@ void IndexReader::find_with_typos(const string& text, uint8 typos, uint16 limit,
             size_t middle = seen.size();
             for (uint32 entry : candidates) {
                 Records::Key key;
-                Records::Value value;
                 if (found.size() >= limit || std::binary_search(seen.begin(), seen.begin() + middle, entry) ||
-                    !this->entry_of(entry, key, value)) {
+                    !this->entry_of(entry, key, nullptr)) {
                     continue;
                 }
                 characters_of(key, characters);

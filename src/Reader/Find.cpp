@@ -114,15 +114,16 @@ void IndexReader::find_entries(const string& text, uint16 limit, std::vector<uin
     }
 }
 
-// The key and value records of the entry at `entry`, checked as a search
-// checks them; false (counted as damage) when one lies outside its file.
-bool IndexReader::entry_of(uint32 entry, Records::Key& key, Records::Value& value) const {
+// The key record of the entry at `entry` and, when `value` is not null, its
+// value record, checked as a search checks them; false (counted as damage)
+// when one lies outside its file.
+bool IndexReader::entry_of(uint32 entry, Records::Key& key, Records::Value* value) const {
     if (!Records::decode_from(*this->key_bytes, entry, key)) {
         bool starts_inside = uint64_t{entry} + Format::KEY_RECORD_HEADER_SIZE <= this->key_bytes->length;
         this->outside(*this->key_bytes, starts_inside ? KEY : INDEX);
         return false;
     }
-    if (!Records::decode_from(*this->data_bytes, key.data_pointer, value)) {
+    if (value != nullptr && !Records::decode_from(*this->data_bytes, key.data_pointer, *value)) {
         bool starts_inside = uint64_t{key.data_pointer} + Format::VALUE_RECORD_HEADER_SIZE <= this->data_bytes->length;
         this->outside(*this->data_bytes, starts_inside ? DATA : KEY);
         return false;
@@ -196,7 +197,7 @@ bool IndexReader::find(const string& keyword, const SearchOptions& options, std:
         for (size_t i = 0; i < found.size() && hits.size() < options.limit; ++i) {
             Records::Key key;
             Records::Value value;
-            if (this->entry_of(found[i].entry, key, value)) {
+            if (this->entry_of(found[i].entry, key, &value)) {
                 this->add_items(view_of(key.text, key.length), view_of(value.bytes, value.length), found[i], typed,
                                 options.limit, hits);
             }

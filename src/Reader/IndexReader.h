@@ -250,7 +250,7 @@ private:
                       std::vector<Found>& found) const;
     void add_items(std::string_view key, std::string_view value, const Found& found, const std::string& typed,
                    uint16 limit, std::vector<Hit>& hits) const;
-    bool entry_of(uint32 entry, Records::Key& key, Records::Value& value) const;
+    bool entry_of(uint32 entry, Records::Key& key, Records::Value* value) const;
     bool fail(const char* why, std::string* error) const;
     void entries_with(const std::vector<Cell>& cells, std::vector<uint32>& out) const;
     uint32 horizon(const std::vector<uint32>& characters) const;
