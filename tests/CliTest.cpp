@@ -548,7 +548,6 @@ TEST(CliSearch, OutputFormats) {
               "aus\tfrom; out of\nHaus\thouse; building\nHausaufgabe\thomework\nKrankenhaus\thospital\n"},
              {"words", {"--stats"}, "Tab", "Tabelle\ttable\tchart\n"},
              {"words", {"--full"}, "Hausa", "Hausaufgabe\thomework\n\n"},
-             {"words", {}, "nirgends", ""},
              // A value that ends with a newline gets no second blank line.
              {"odd", {"--full"}, "e", "eins\tone\n\nzwei\ttwo\nlines\n\n"},
              // Long lines are not cut when stdout is not a terminal.
@@ -618,6 +617,39 @@ TEST(CliSearch, HitsComeByPositionThenByKeyBytesUpToTheLimit) {
     std::string human;
     for (size_t i = 0; i < 20; ++i) human += numbered[i] + "\tv\n";
     EXPECT_EQ(search(dir / "index", "q").out, human);
+}
+
+// Patterns and typos, and the suggestions a search that finds nothing
+// makes: on stderr, or marked in JSON; -q turns them off.
+TEST(CliSearch, PatternsTyposAndSuggestions) {
+    TemporaryDirectory dir;
+    build_ok(CLI_DATA + "/words.tsv", dir / "words");
+    struct Case {
+        std::vector<std::string> args;
+        std::string out;
+        std::string err;
+    };
+    const std::string haus = "{\"key\":\"Haus\",\"value\":\"house; building\\nalso: home\"}\n";
+    for (const Case& c : std::vector<Case>{
+             {{"--json", "--pattern", "^?aus$"}, haus, ""},
+             {{"--typos", "1", "hauss"}, "Haus\thouse; building\nHausaufgabe\thomework\nKrankenhaus\thospital\n", ""},
+             {{"Baumm"}, "", "quorvex: nothing holds \"Baumm\"; within one edit:\n  Baum\n"},
+             {{"--json", "Baumm"}, "{\"edits\":1,\"key\":\"Baum\",\"suggestion\":true,\"value\":\"tree\"}\n",
+              "quorvex: nothing holds \"Baumm\"; suggestions within one edit follow\n"},
+             {{"-q", "Baumm"}, "", ""},
+         }) {
+        SCOPED_TRACE(shown(c.args));
+        std::vector<std::string> args = {"search"};
+        args.insert(args.end(), c.args.begin(), c.args.end() - 1);
+        args.insert(args.end(), {dir / "words", c.args.back()});
+        ToolRun r = run(args);
+        EXPECT_TRUE(exited(r, 0));
+        EXPECT_EQ(r.out, c.out);
+        EXPECT_EQ(r.err, c.err);
+    }
+    for (const char* bad : {"??", "a\\", "a^b"}) {
+        EXPECT_TRUE(refused(run({"search", "--pattern", dir / "words", bad}), 2)) << bad;
+    }
 }
 
 // A missing, incomplete or damaged index is bad data, not a usage error:

@@ -26,6 +26,9 @@ struct SearchOptions {
     bool json = false;
     bool full = false;
     bool stats = false;
+    bool pattern = false;      // ? for any character, ^ and $ anchors, \ escapes
+    uint32_t typos = 0;        // edits forgiven, 0 to 2
+    bool suggest = true;       // when nothing is found, keys within one edit
 };
 
 struct InfoOptions {

@@ -84,15 +84,29 @@ int run_search(const SearchOptions& options) {
     Clock::time_point search_start = Clock::now();
     Lexarium::Reader::SearchOptions search_options;
     search_options.limit = static_cast<uint16>(options.limit);
+    search_options.mode = options.pattern ? Lexarium::Reader::MatchMode::Pattern : Lexarium::Reader::MatchMode::Plain;
+    search_options.typos = static_cast<uint8>(options.typos);
     std::vector<Lexarium::Reader::Hit> hits;
     std::string problem;
     if (!reader->find(options.keyword, search_options, hits, &problem)) {
         throw ToolError(EXIT_USAGE, problem);
     }
     double search_ms = milliseconds_since(search_start);
+    // Nothing found as typed: a few keys one edit away, marked as suggestions.
+    bool suggesting = hits.empty() && options.suggest && !options.pattern && options.typos == 0;
+    if (suggesting) {
+        search_options.typos = 1;
+        search_options.limit = 5;
+        reader->find(options.keyword, search_options, hits, nullptr);
+    }
     // Results that skipped a damaged record would be incomplete: none rather
     // than some.
     check_damage(*reader, options.directory);
+    if (suggesting) {
+        std::fprintf(stderr, "quorvex: nothing holds \"%s\"%s\n", options.keyword.c_str(),
+                     hits.empty() ? "" : options.json ? "; suggestions within one edit follow"
+                                                      : "; within one edit:");
+    }
 
     bool terminal = is_terminal(STDOUT_FILENO);
     size_t columns = terminal ? terminal_columns() : 0;
@@ -100,7 +114,16 @@ int run_search(const SearchOptions& options) {
         std::string key(hit.key);
         std::string value(hit.value);
         if (options.json) {
-            write_out(nlohmann::json{{"key", json_text(key)}, {"value", json_text(value)}}.dump() + "\n");
+            nlohmann::json object{{"key", json_text(key)}, {"value", json_text(value)}};
+            if (options.typos > 0 || suggesting) {
+                object["edits"] = hit.edits;
+            }
+            if (suggesting) {
+                object["suggestion"] = true;
+            }
+            write_out(object.dump() + "\n");
+        } else if (suggesting) {
+            std::fprintf(stderr, "  %s\n", printable(key).c_str());
         } else if (options.full) {
             std::string shown = printable(value);
             write_out(printable(key) + "\t" + shown + "\n");

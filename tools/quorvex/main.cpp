@@ -40,6 +40,13 @@ int main(int argc, char** argv) {
     search_command->add_flag("--json", search.json, "One JSON object per hit");
     search_command->add_flag("--full", search.full, "Whole values instead of their first line");
     search_command->add_flag("--stats", search.stats, "Report timings on stderr");
+    search_command->add_flag("--pattern", search.pattern,
+                             "KEYWORD is a pattern: ? any one character, ^ first and $ last anchor, \\ escapes");
+    search_command->add_option("--typos", search.typos,
+                               "Forgive up to N edits (0-2; none under 4 characters, 1 under 8)")
+        ->check(CLI::Range(0, 2));
+    search_command->add_flag("!--no-suggest,!-q", search.suggest,
+                             "When nothing is found, do not show keys within one edit");
     search_command->add_option("INDEX_DIR", search.directory, "An index directory")->required();
     search_command->add_option("KEYWORD", search.keyword, "UTF-8 text to look for")->required();
 
