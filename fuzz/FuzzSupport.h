@@ -103,11 +103,13 @@ inline std::vector<uint32_t> decode_leniently(const std::string& text) {
     return code_points;
 }
 
-inline bool lies_inside(const ByteArray& view, const ByteArray& blob) {
+inline bool lies_inside(const void* data, size_t length, const ByteArray& blob) {
     uintptr_t begin = reinterpret_cast<uintptr_t>(blob.data);
-    uintptr_t at = reinterpret_cast<uintptr_t>(view.data);
-    return at >= begin && at - begin <= blob.length && view.length <= blob.length - (at - begin);
+    uintptr_t at = reinterpret_cast<uintptr_t>(data);
+    return at >= begin && at - begin <= blob.length && length <= blob.length - (at - begin);
 }
+
+inline bool lies_inside(const ByteArray& view, const ByteArray& blob) { return lies_inside(view.data, view.length, blob); }
 
 // What every search must give, whatever index it ran on: no more results
 // than asked for (one for limit 0), keys and values that are views inside

@@ -29,20 +29,23 @@
 // The open must succeed exactly when all four are regular files, table.bin
 // is 65535 rows of at most 254 cells and index.bin holds at least its 4-byte
 // sentinel; a failure's message must name the directory or a file, and the
-// file at fault when there is one. A reader that opens is searched with four
+// file at fault when there is one. A reader that opens is searched with two
 // keywords (pieces of key.bin's records, characters made of input bytes,
 // one character, a piece with a supplementary character, a whole key, the
-// empty keyword; always well-formed UTF-8 without NUL) at limits 0, 1, 2
-// and 65535, and with the one-position search at position 0 and one from
-// the input. Every result must be a view inside the mapped key.bin and
+// empty keyword; always well-formed UTF-8 without NUL) at 65535 and a limit
+// of 0, 1 or 2. Every result must be a view inside the mapped key.bin and
 // data.bin that holds the keyword, and no more results may come than the
 // limit allows (one for limit 0); under AddressSanitizer the bytes between
 // a file's end and the end of its last page are unreadable, so a read past
 // a file's end is reported. A set as IndexWriter built it must give what
 // from_bytes's reader of the same bytes gives; one with key.bin or data.bin
-// cut at a record boundary, that less the hits whose records were cut off;
-// and a set the deep checks accept, what the one-position search (the
-// search as defined) gives position by position.
+// cut at a record boundary, that less the hits whose records were cut off.
+// The input then picks one more check: that a set the deep checks accept
+// gives what the one-position search (the search as defined) gives position
+// by position; the one-position search at position 0 and one from the
+// input; or find() as a plain search, a pattern or with typos, which must
+// fail with a message or give views inside the files (on a set as
+// IndexWriter built it, what the plain reader's find gives).
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
@@ -492,7 +495,7 @@ std::vector<std::string> keywords_for(const std::vector<std::string>& keys, Byte
     const bool chosen = !in.empty();
     auto pick = [&](size_t bound, size_t fallback) { return (chosen ? in.u8() : fallback) % bound; };
     std::vector<std::string> keywords;
-    for (size_t round = 0; round < 4; ++round) {
+    for (size_t round = 0; round < 2; ++round) {
         size_t kind = pick(6, round);
         std::vector<uint32_t> characters = decode_leniently(keys.empty() ? std::string("a") : keys[pick(keys.size(), round)]);
         if (characters.empty()) {
@@ -667,8 +670,70 @@ void require_named(const std::string& message, const std::string& directory, int
     }
 }
 
+// find() in the mode the input picks (plain, a pattern made of the keyword
+// with characters as "?" and anchors, or typos): it fails with a message or
+// gives views inside the files; on a set IndexWriter built, what the plain
+// reader's find gives.
+void check_find(const IndexReader& reader, const Built* built, bool sound, const std::string& keyword,
+                ByteSource& in) {
+    Lexarium::Reader::SearchOptions options;
+    uint8_t choice = in.u8();
+    options.limit = choice & 1 ? 65535 : choice % 21;
+    options.mode = choice & 2 ? Lexarium::Reader::MatchMode::Pattern : Lexarium::Reader::MatchMode::Plain;
+    // Typos sweep every position with several pieces: kept to keywords of a
+    // dozen characters, or a few inputs would take most of the time.
+    bool short_keyword = decode_leniently(keyword).size() <= 12;
+    options.typos = choice & 2 || !short_keyword ? 0 : static_cast<uint8>((choice >> 2) % 3);
+    std::string text = keyword;
+    if (options.mode == Lexarium::Reader::MatchMode::Pattern) {
+        text.clear();
+        for (uint32_t c : decode_leniently(keyword)) {
+            if (in.u8() % 4 == 0) {
+                text += '?';
+            } else {
+                append_utf8(text, c);
+            }
+        }
+        text = (choice & 16 ? "^" : "") + text + (choice & 32 ? "$" : "");
+    }
+    std::vector<Lexarium::Reader::Hit> hits;
+    std::string error;
+    if (!reader.find(text, options, hits, &error)) {
+        if (error.empty()) {
+            fail("find failed without a message for " + hex(text));
+        }
+        return;
+    }
+    if (hits.size() > options.limit) {
+        fail("find gave " + std::to_string(hits.size()) + " hits for " + hex(text));
+    }
+    for (const auto& hit : hits) {
+        if (!(lies_inside(hit.key.data(), hit.key.size(), *reader.key_bytes) ||
+              lies_inside(hit.key.data(), hit.key.size(), *reader.data_bytes)) ||
+            !lies_inside(hit.value.data(), hit.value.size(), *reader.data_bytes)) {
+            fail("find gave a view outside the files for " + hex(text));
+        }
+    }
+    if (sound) {
+        std::vector<Lexarium::Reader::Hit> expected;
+        built->plain->find(text, options, expected, nullptr);
+        bool same = expected.size() == hits.size();
+        for (size_t i = 0; same && i < hits.size(); ++i) {
+            same = hits[i].key == expected[i].key && hits[i].value == expected[i].value &&
+                   hits[i].position == expected[i].position && hits[i].edits == expected[i].edits;
+        }
+        if (!same) {
+            fail("the mapped and plain readers' find differ for " + hex(text));
+        }
+    }
+}
+
 // Searches a reader that opened `files`; `built` is the set IndexWriter
-// built, when `files` is that set or that set damaged.
+// built, when `files` is that set or that set damaged. Besides the checks
+// every search gets, the input picks one more (each costs about as much
+// as the rest together): the search rebuilt from the one-position search
+// on a set the deep checks accept, the one-position search at two
+// positions, or find().
 void search_mapped(IndexReader& reader, IndexReaderHandle* c_reader, const FileSet& files, const Built* built,
                    uint32_t widest, ByteSource& in) {
     for (int blob = 0; blob < 4; ++blob) {
@@ -689,8 +754,10 @@ void search_mapped(IndexReader& reader, IndexReaderHandle* c_reader, const FileS
     // one-position search, the search as defined, gives position by position.
     const bool cut = built != nullptr && !files.sound &&
                      (files.key_cut != UINT64_MAX || files.data_cut != UINT64_MAX);
+    const uint8_t choice = in.u8();
+    const int extra = choice % 3;
     bool deep_sound = files.sound;
-    if (!files.sound) {
+    if (!files.sound && extra == 0) {
         long keys = tiling(files.bytes[KEY], KEY);
         deep_sound = keys >= 0 && keys == tiling(files.bytes[DATA], DATA) &&
                      IndexVerifier::verify(*reader.table_bytes, *reader.index_bytes, *reader.key_bytes,
@@ -698,7 +765,7 @@ void search_mapped(IndexReader& reader, IndexReaderHandle* c_reader, const FileS
                          .is_sound();
     }
     const bool emptied = files.key_cut == 0 || files.data_cut == 0;
-    const uint16_t limits[] = {0, 1, 2, 65535};
+    const uint16_t limits[] = {static_cast<uint16_t>(choice / 3 % 3), 65535};
     const uint8_t positions[] = {0, in.u8()};
 
     for (const std::string& keyword : keywords_for(stored_keys(files.bytes[KEY]), in)) {
@@ -713,7 +780,7 @@ void search_mapped(IndexReader& reader, IndexReaderHandle* c_reader, const FileS
                 require_same(hits, places(*built->plain->search(keyword, limit), *built->plain),
                              "the mapped and plain readers differ", keyword, limit);
             }
-            if (deep_sound && (limit == 0 || limit == 65535)) {
+            if (extra == 0 && deep_sound) {
                 require_same(hits, by_positions(reader, keyword, limit, widest),
                              "the search and the one-position search differ", keyword, limit);
             }
@@ -731,8 +798,14 @@ void search_mapped(IndexReader& reader, IndexReaderHandle* c_reader, const FileS
                 compare_with_c(c_reader, results, keyword, limit);
             }
         }
+        if (extra == 2) {
+            check_find(reader, built, files.sound, keyword, in);
+        }
         for (uint8_t position : positions) {
             for (uint16_t limit : {uint16_t{0}, uint16_t{65535}}) {
+                if (extra != 1) {
+                    break;
+                }
                 Results results(new std::vector<Rc<Lexarium::Reader::SearchResult>>());
                 uint32 visited = 0;
                 uint16_t found = reader.search(keyword, limit, results.get(), visited, position);

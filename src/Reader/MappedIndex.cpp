@@ -15,27 +15,33 @@ namespace Lexarium::Reader {
 
 bool RowDirectory::build(const uint8* blob, uint32 length, std::string& error) {
     this->table = blob;
-    bool sound = true;
-    Records::TableWalk walk = Records::walk_table(blob, length, [&](uint32 code_point, Records::Row row, uint64_t at) {
-        this->offsets[code_point] = static_cast<uint32>(at);
-        this->counts[code_point] = row.cells_count;
-        if (row.cells_count > Format::MAX_CELLS_PER_ROW && sound) {
-            sound = false;
-            error = "table.bin: row " + std::to_string(code_point) + " at offset " + std::to_string(at) +
-                    " has 255 cells; expected at most 254";
-        }
-    });
+    // The walk only notes each row (it runs on every open, 65535 times);
+    // what went wrong is put into words afterwards.
+    uint32 too_wide = Format::TABLE_ROW_COUNT;  // the first row of 255 cells
+    Records::TableWalk walk =
+        Records::walk_table(blob, length, [this, &too_wide](uint32 code_point, Records::Row row, uint64_t at) {
+            this->offsets[code_point] = static_cast<uint32>(at);
+            this->counts[code_point] = row.cells_count;
+            if (row.cells_count > Format::MAX_CELLS_PER_ROW && too_wide == Format::TABLE_ROW_COUNT) {
+                too_wide = code_point;
+            }
+        });
+    if (too_wide != Format::TABLE_ROW_COUNT) {
+        error = "table.bin: row " + std::to_string(too_wide) + " at offset " +
+                std::to_string(this->offsets[too_wide]) + " has 255 cells; expected at most 254";
+        return false;
+    }
     if (!walk.complete) {
         error = "table.bin: ends inside row " + std::to_string(walk.stopped_row) + " at offset " +
                 std::to_string(walk.end) + " (" + std::to_string(length) + " bytes); expected 65535 row records";
         return false;
     }
-    if (sound && walk.end != length) {
+    if (walk.end != length) {
         error = "table.bin: " + std::to_string(length - walk.end) +
                 " bytes after row 65534; expected the end of the file";
         return false;
     }
-    return sound;
+    return true;
 }
 
 namespace {
