@@ -1,8 +1,8 @@
 // find() on real dictionaries: folded search against the exact search,
 // patterns against the plain search, typos, each beside a peer run in the
-// same process: SQLite FTS5 with the trigram tokenizer (case folded; GLOB
-// for patterns) and a scan over the folded keys that gives find()'s own
-// answer (for typos, Sellers' algorithm over every key). bench/README.md
+// same process: SQLite FTS5 with the trigram tokenizer (case folded, so
+// LIKE, with "_" for patterns) and a scan over the folded keys that gives
+// find()'s own answer (for typos, Sellers' algorithm over every key). bench/README.md
 // says what each figure means; docs/PERFORMANCE.md has a run.
 //
 // Usage: quorvex_bench_find [--keywords N] [--passes P] [--scan-keywords S] DICTD_INDEX...
@@ -123,19 +123,16 @@ public:
         }
         sqlite3_finalize(insert);
         exec("COMMIT");
-        sqlite3_prepare_v2(db_, "SELECT rowid FROM items WHERE key MATCH ? LIMIT ?", -1, &match_, nullptr);
-        sqlite3_prepare_v2(db_, "SELECT rowid FROM items WHERE key GLOB ? LIMIT ?", -1, &glob_, nullptr);
+        // With case_sensitive 0 the trigram index serves LIKE (not GLOB):
+        // "%text%" for a keyword, "_" for one character.
+        sqlite3_prepare_v2(db_, "SELECT rowid FROM items WHERE key LIKE ? LIMIT ?", -1, &like_, nullptr);
     }
     ~Fts5() {
-        sqlite3_finalize(match_);
-        sqlite3_finalize(glob_);
+        sqlite3_finalize(like_);
         sqlite3_close(db_);
     }
-    // Rows whose key holds `keyword` (3 characters at least).
-    std::vector<int64_t> match(const std::string& keyword, int limit) {
-        return rows(match_, "\"" + keyword + "\"", limit);
-    }
-    std::vector<int64_t> glob(const std::string& pattern, int limit) { return rows(glob_, pattern, limit); }
+    // Rows whose key is like `pattern` (3 characters at least for the index).
+    std::vector<int64_t> like(const std::string& pattern, int limit) { return rows(like_, pattern, limit); }
 
 private:
     void exec(const char* sql) {
@@ -149,13 +146,17 @@ private:
         std::vector<int64_t> out;
         sqlite3_bind_text(statement, 1, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
         sqlite3_bind_int(statement, 2, limit);
-        while (sqlite3_step(statement) == SQLITE_ROW) out.push_back(sqlite3_column_int64(statement, 0));
+        int status;
+        while ((status = sqlite3_step(statement)) == SQLITE_ROW) out.push_back(sqlite3_column_int64(statement, 0));
+        if (status != SQLITE_DONE) {
+            std::fprintf(stderr, "sqlite: %s\n", sqlite3_errmsg(db_));
+            std::exit(1);
+        }
         sqlite3_reset(statement);
         return out;
     }
     sqlite3* db_ = nullptr;
-    sqlite3_stmt* match_ = nullptr;
-    sqlite3_stmt* glob_ = nullptr;
+    sqlite3_stmt* like_ = nullptr;
 };
 
 // The fewest edits of any run of `key` against `keyword` (Sellers), and the
@@ -236,7 +237,7 @@ void run_dictionary(const std::string& path, const Options& options) {
             if (characters_of(k).size() >= 3) long_enough.push_back(k);
         }
         std::vector<double> fts_times =
-            latencies(long_enough, options.passes, [&](const std::string& k) { fts.match(k, limit); });
+            latencies(long_enough, options.passes, [&](const std::string& k) { fts.like("%" + k + "%", limit); });
         std::vector<double> ours_long = latencies(
             long_enough, options.passes, [&](const std::string& k) { find(folded, k, limit, Reader::MatchMode::Plain, 0); });
         print_row("folded find, 3+ characters", ours_long, "fts5 trigram", fts_times);
@@ -260,10 +261,10 @@ void run_dictionary(const std::string& path, const Options& options) {
         for (size_t i = 0; i < c.size(); ++i) {
             bool hole = std::find(at.begin(), at.end(), i) != at.end();
             p += hole ? "?" : Utf8::encode(c[i]);
-            g += hole ? "?" : Utf8::encode(c[i]);
+            g += hole ? "_" : Utf8::encode(c[i]);
         }
         patterns.push_back((anchored ? "^" : "") + p);
-        globs.push_back((anchored ? "" : "*") + g + "*");
+        globs.push_back((anchored ? "" : "%") + g + "%");
         originals.push_back(k);
     }
     std::printf(" patterns at limit 20, %zu of them (µs):\n", patterns.size());
@@ -272,8 +273,8 @@ void run_dictionary(const std::string& path, const Options& options) {
     std::vector<double> plain_times = latencies(
         originals, options.passes, [&](const std::string& k) { find(folded, k, 20, Reader::MatchMode::Plain, 0); });
     print_row("pattern", pattern_times, "plain, same keywords", plain_times);
-    std::vector<double> glob_times = latencies(globs, 1, [&](const std::string& g) { fts.glob(g, 20); });
-    print_row("pattern", pattern_times, "fts5 GLOB", glob_times);
+    std::vector<double> glob_times = latencies(globs, 1, [&](const std::string& g) { fts.like(g, 20); });
+    print_row("pattern", pattern_times, "fts5 LIKE with _", glob_times);
 
     // Typos: runs of 4 to 10 characters of folded keys with one edit.
     std::vector<std::string> typo_keywords;
