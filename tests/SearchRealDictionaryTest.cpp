@@ -131,3 +131,93 @@ TEST(SearchRealDictionary, FoldedKeywordsFindTheWordsAsTyped) {
         EXPECT_NE(std::find(keys.begin(), keys.end(), c.expected), keys.end()) << testing::PrintToString(keys);
     }
 }
+
+// find() in each mode against the brute-force find over the index's own
+// items (read back from its entries), at limits 0 to 3 and all: patterns
+// from keys with characters as "?", typos from runs of keys with an edit.
+TEST(SearchRealDictionary, FindAgreesWithBruteForceInEveryMode) {
+    if (!std::filesystem::exists(DICTIONARY)) {
+        GTEST_SKIP() << DICTIONARY << " is missing";
+    }
+    TemporaryDirectory directory;
+    const std::string index = directory.path + "/index";
+    ASSERT_TRUE(built(DICTIONARY, index));
+    std::string error;
+    Rc<IndexReader> reader = IndexReader::from_directory_mapped(index, &error);
+    ASSERT_FALSE(reader.is_null()) << error;
+    // The items, entry by entry, as they went in.
+    std::vector<InputItem> items;
+    std::vector<std::string> entries;
+    for (const auto& [data_pointer, key] : key_records(reader->key_bytes->data, reader->key_bytes->length)) {
+        Lexarium::Records::Value value;
+        ASSERT_TRUE(Lexarium::Records::decode_from(*reader->data_bytes, data_pointer, value));
+        if (key.empty()) continue;  // the description
+        entries.push_back(key);
+        for (uint64_t at = 0; at < value.length;) {
+            Lexarium::Records::Pair pair;
+            ASSERT_TRUE(Lexarium::Records::Pair::decode_from(value.bytes, value.length, at, pair));
+            std::string original = pair.first_length == 0 ? key : std::string(reinterpret_cast<const char*>(pair.first), pair.first_length);
+            items.push_back(InputItem{original, std::string(reinterpret_cast<const char*>(pair.second), pair.second_length)});
+            at += pair.size();
+        }
+    }
+    std::vector<std::vector<uint32>> sorted_characters;  // of each item's folded key
+    for (const InputItem& item : items) {
+        std::string folded;
+        Lexarium::fold(item.key, &folded);
+        sorted_characters.push_back(characters_of(folded));
+        std::sort(sorted_characters.back().begin(), sorted_characters.back().end());
+    }
+    std::mt19937 random(24);
+    size_t compared = 0;
+    for (int k = 0; k < 8; ++k) {
+        bool pattern = k % 2 == 0;
+        // Typo keywords of 7 to 9 characters: shorter ones leave the
+        // reference too many keys to try.
+        std::vector<uint32> run = characters_of(entries[random() % entries.size()]);
+        size_t length = std::min<size_t>(run.size(), pattern ? 4 + random() % 6 : 7 + random() % 3);
+        run.erase(run.begin(), run.begin() + static_cast<std::ptrdiff_t>(random() % (run.size() - length + 1)));
+        run.resize(length);
+        std::string keyword;
+        for (size_t i = 0; i < run.size(); ++i) {
+            bool hole = random() % 3 == 0 && (pattern || i == 0);
+            keyword += hole ? (pattern ? std::string("?") : std::string("q")) : Lexarium::Utf8::encode(run[i]);
+        }
+        if (keyword.front() == ' ' || keyword.back() == ' ') {
+            continue;  // find trims it; the reference would not
+        }
+        uint8 typos = pattern ? 0 : static_cast<uint8>(1 + k % 4 / 2);
+        Matcher matcher = pattern ? pattern_matcher([&] {
+            std::vector<uint32> p = characters_of(keyword);
+            for (uint32& c : p) c = c == '?' ? UINT32_MAX : c;
+            return p;
+        }(), false, false)
+                                  : typo_matcher(keyword, characters_of(keyword).size() < 8 ? 1 : typos);
+        // Only keys sharing all but `typos` of the keyword's characters can
+        // match; the rest are left out of the reference, which is slow.
+        std::vector<InputItem> candidates;
+        std::vector<uint32> wanted = characters_of(keyword);
+        std::sort(wanted.begin(), wanted.end());
+        size_t holes = static_cast<size_t>(std::count(keyword.begin(), keyword.end(), '?'));
+        for (size_t i = 0; i < items.size(); ++i) {
+            std::vector<uint32> common;
+            std::set_intersection(wanted.begin(), wanted.end(), sorted_characters[i].begin(), sorted_characters[i].end(),
+                                  std::back_inserter(common));
+            if (common.size() + typos + holes >= wanted.size()) candidates.push_back(items[i]);
+        }
+        std::vector<FoundItem> all = reference_find(candidates, true, matcher, pattern ? "" : keyword, 65535);
+        compared += all.size();
+        for (uint16 limit : {0, 1, 2, 3, 65535}) {
+            SCOPED_TRACE(keyword + " limit " + std::to_string(limit));
+            Lexarium::Reader::SearchOptions options;
+            options.limit = limit;
+            options.mode = pattern ? Lexarium::Reader::MatchMode::Pattern : Lexarium::Reader::MatchMode::Plain;
+            options.typos = typos;
+            std::vector<Lexarium::Reader::Hit> hits;
+            ASSERT_TRUE(reader->find(keyword, options, hits, &error)) << error;
+            std::vector<FoundItem> expected(all.begin(), all.begin() + std::min<size_t>(limit, all.size()));
+            EXPECT_EQ(found_items(hits), expected);
+        }
+    }
+    EXPECT_GT(compared, 100u);  // most keywords find something
+}

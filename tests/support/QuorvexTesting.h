@@ -289,36 +289,37 @@ inline Matcher plain_matcher(const std::string& searched) {
     };
 }
 
-// The fewest edits between a and b: substitutions, insertions, deletions and
-// swaps of adjacent characters, no character edited twice.
-inline uint32 edit_distance(const std::vector<uint32>& a, const std::vector<uint32>& b) {
-    std::vector<std::vector<uint32>> d(a.size() + 1, std::vector<uint32>(b.size() + 1));
-    for (size_t i = 0; i <= a.size(); ++i) {
-        for (size_t j = 0; j <= b.size(); ++j) {
-            if (i == 0 || j == 0) {
-                d[i][j] = static_cast<uint32>(i + j);
-                continue;
-            }
-            d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1, d[i - 1][j - 1] + (a[i - 1] == b[j - 1] ? 0u : 1u)});
-            if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1]) {
-                d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
-            }
-        }
-    }
-    return d[a.size()][b.size()];
-}
-
-// Typos: every run of the key against the keyword, within `budget` edits.
+// Typos: every run of the key against the keyword, within `budget` edits:
+// from each start, the edit table of the keyword against the key's
+// characters from there, whose last row holds every run's edits (a run
+// longer than the keyword by more than the budget never is within it).
 inline Matcher typo_matcher(const std::string& searched, uint32 budget) {
     std::vector<uint32> wanted = characters_of(searched);
     return [wanted, budget](const std::vector<uint32>& key, Match& best) {
+        size_t n = wanted.size();
+        std::vector<uint32> d((n + 1) * (n + budget + 1));
         bool any = false;
         for (size_t s = 0; s <= key.size(); ++s) {
-            for (size_t e = s; e <= key.size(); ++e) {
-                uint32 d = edit_distance(wanted, std::vector<uint32>(key.begin() + static_cast<std::ptrdiff_t>(s),
-                                                                     key.begin() + static_cast<std::ptrdiff_t>(e)));
-                if (d <= budget && (!any || d < best.edits || (d == best.edits && s < best.position))) {
-                    best = Match{d, static_cast<uint32>(s)};
+            size_t m = std::min(key.size() - s, n + budget);
+            auto at = [&](size_t i, size_t j) -> uint32& { return d[i * (n + budget + 1) + j]; };
+            for (size_t i = 0; i <= n; ++i) {
+                for (size_t j = 0; j <= m; ++j) {
+                    if (i == 0 || j == 0) {
+                        at(i, j) = static_cast<uint32>(i + j);
+                        continue;
+                    }
+                    const uint32* b = key.data() + s;
+                    at(i, j) = std::min({at(i - 1, j) + 1, at(i, j - 1) + 1,
+                                         at(i - 1, j - 1) + (wanted[i - 1] == b[j - 1] ? 0u : 1u)});
+                    if (i > 1 && j > 1 && wanted[i - 1] == b[j - 2] && wanted[i - 2] == b[j - 1]) {
+                        at(i, j) = std::min(at(i, j), at(i - 2, j - 2) + 1);
+                    }
+                }
+            }
+            for (size_t j = 0; j <= m; ++j) {
+                uint32 e = at(n, j);
+                if (e <= budget && (!any || e < best.edits)) {
+                    best = Match{e, static_cast<uint32>(s)};
                     any = true;
                 }
             }
