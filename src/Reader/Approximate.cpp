@@ -120,7 +120,8 @@ uint32 edits_from(const std::vector<uint32>& keyword, const std::vector<uint32>&
                   std::vector<uint32> rows[3]) {
     size_t n = keyword.size();
     size_t m = std::min(key.size() - std::min(key.size(), position), n + budget);
-    const uint32* b = key.data() + position;
+    // The key's characters from `position` on (none past its end).
+    const uint32* b = m == 0 ? nullptr : key.data() + position;
     for (int r = 0; r < 3; ++r) {
         rows[r].assign(m + 1, budget + 1);
     }
