@@ -652,6 +652,43 @@ TEST(CliSearch, PatternsTyposAndSuggestions) {
     }
 }
 
+// Output that does not reach stdout is a failure of every command, named
+// with the system's reason; --version says what runs.
+TEST(CliOutput, WritingToAFullDeviceFails) {
+    TemporaryDirectory dir;
+    build_ok(CLI_DATA + "/words.tsv", dir / "words");
+    const std::vector<std::vector<std::string>> commands = {
+        {"search", dir / "words", "aus"}, {"info", dir / "words"}, {"verify", dir / "words"},
+        {"build", "-q", CLI_DATA + "/words.tsv", dir / "again"}, {"--version"}};
+    for (std::vector<std::string> args : commands) {
+        SCOPED_TRACE(shown(args));
+        args.insert(args.begin(), TOOL);
+        FILE* full = std::fopen("/dev/full", "w");
+        FILE* err = std::tmpfile();
+        ASSERT_TRUE(full != nullptr && err != nullptr);
+        int status = exit_status(start_process(args, full, err));
+        std::string text(4096, '\0');
+        std::rewind(err);
+        text.resize(std::fread(&text[0], 1, text.size(), err));
+        std::fclose(full);
+        std::fclose(err);
+        EXPECT_EQ(status, 1);
+        EXPECT_TRUE(contains(text, "No space left on device")) << text;
+    }
+    ToolRun version = run({"--version"});
+    EXPECT_TRUE(exited(version, 0) && starts_with(version.out, "quorvex ")) << describe(version);
+}
+
+// A byte order mark is no part of the first key; a directory given as the
+// input is named with the system's reason.
+TEST(CliBuild, InputsAsEditorsAndShellsLeaveThem) {
+    TemporaryDirectory dir;
+    make_file(dir / "bom.tsv", "\xEF\xBB\xBFHaus\thouse\n");
+    build_ok(dir / "bom.tsv", dir / "index", {"--exact"});
+    expect_items(dir / "index", {{"Haus", "house"}});
+    EXPECT_TRUE(refused(run({"build", "--format", "tsv", dir.path, dir / "other"}), 1, "Is a directory"));
+}
+
 // A missing, incomplete or damaged index is bad data, not a usage error:
 // every command exits with 1 and names the directory or file at fault.
 // verify has nothing but its own lines on stderr.

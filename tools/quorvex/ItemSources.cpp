@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <sys/stat.h>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -67,21 +68,30 @@ std::string read_gzip_file(const std::string& path) {
 // Calls `on_line` with each line of `path` (without its newline and without
 // a carriage return before it) and its number.
 void for_each_line(const std::string& path, const std::function<void(const std::string&, uint64_t)>& on_line) {
+    struct stat status;
+    if (::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
+        throw InputError(path + ": " + std::strerror(EISDIR));
+    }
     std::ifstream in(path, std::ios::binary);
     if (!in) {
         throw InputError(path + ": " + std::strerror(errno));
     }
     std::string line;
     uint64_t number = 0;
+    errno = 0;
     while (std::getline(in, line)) {
         ++number;
         if (!line.empty() && line.back() == '\r') {
             line.pop_back();
         }
+        // A byte order mark is not part of the first key.
+        if (number == 1 && line.compare(0, 3, "\xEF\xBB\xBF") == 0) {
+            line.erase(0, 3);
+        }
         on_line(line, number);
     }
     if (in.bad()) {
-        throw InputError(path + ": read failed");
+        throw InputError(path + ": " + (errno != 0 ? std::strerror(errno) : "read failed"));
     }
 }
 

@@ -2,7 +2,9 @@
 //
 // Exit codes: 0 success (a search without hits included), 1 bad data or a
 // damaged, missing or unwritable index, 2 a wrong command line.
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <new>
 
@@ -13,9 +15,27 @@
 
 using namespace quorvex_tool;
 
+namespace {
+
+// Output that did not reach stdout (a full disk, a closed pipe, /dev/full)
+// is a failure, whatever the command thought of its work.
+int finish_output(int status) {
+    // errno still holds the failed write's reason when an earlier write
+    // failed; the flush and the close set it when they fail.
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0 || std::fclose(stdout) != 0) {
+        std::fprintf(stderr, "quorvex: cannot write to stdout: %s\n",
+                     errno != 0 ? std::strerror(errno) : "write error");
+        return status == EXIT_OK ? EXIT_DATA : status;
+    }
+    return status;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
     CLI::App app{"quorvex: build, search, describe and verify Quorvex substring indexes", "quorvex"};
     app.require_subcommand(1);
+    app.set_version_flag("--version", std::string("quorvex ") + QUORVEX_TOOL_VERSION);
 
     BuildOptions build;
     CLI::App* build_command = app.add_subcommand("build", "Build an index from a dictionary file");
@@ -65,7 +85,7 @@ int main(int argc, char** argv) {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) {
-            return app.exit(error);  // --help
+            return finish_output(app.exit(error));  // --help, --version
         }
         std::fprintf(stderr, "quorvex: %s\nRun 'quorvex --help' or 'quorvex COMMAND --help' for usage.\n",
                      error.what());
@@ -73,16 +93,11 @@ int main(int argc, char** argv) {
     }
 
     try {
-        if (build_command->parsed()) {
-            return run_build(build);
-        }
-        if (search_command->parsed()) {
-            return run_search(search);
-        }
-        if (info_command->parsed()) {
-            return run_info(info);
-        }
-        return run_verify(verify);
+        int status = build_command->parsed()    ? run_build(build)
+                     : search_command->parsed() ? run_search(search)
+                     : info_command->parsed()   ? run_info(info)
+                                                : run_verify(verify);
+        return finish_output(status);
     } catch (const ToolError& error) {
         std::fprintf(stderr, "quorvex: %s\n", error.what());
         return error.exit_code;
