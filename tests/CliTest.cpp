@@ -679,14 +679,20 @@ TEST(CliOutput, WritingToAFullDeviceFails) {
     EXPECT_TRUE(exited(version, 0) && starts_with(version.out, "quorvex ")) << describe(version);
 }
 
-// A byte order mark is no part of the first key; a directory given as the
-// input is named with the system's reason.
-TEST(CliBuild, InputsAsEditorsAndShellsLeaveThem) {
+// Inputs and outputs as editors, shells and killed builds leave them: a byte
+// order mark is no part of the first key; a directory given as the input is
+// named with the system's reason; missing parents of the output are made;
+// a staging directory no build holds any more goes.
+TEST(CliBuild, InputsAndOutputsAsTheyAreFound) {
     TemporaryDirectory dir;
     make_file(dir / "bom.tsv", "\xEF\xBB\xBFHaus\thouse\n");
-    build_ok(dir / "bom.tsv", dir / "index", {"--exact"});
-    expect_items(dir / "index", {{"Haus", "house"}});
+    build_ok(dir / "bom.tsv", dir / "new/parents/index", {"--exact"});
+    expect_items(dir / "new/parents/index", {{"Haus", "house"}});
     EXPECT_TRUE(refused(run({"build", "--format", "tsv", dir.path, dir / "other"}), 1, "Is a directory"));
+    fs::create_directories(dir / "new/parents/index.quorvex-new-k1ll3d");
+    make_file(dir / "new/parents/index.quorvex-new-k1ll3d/data.bin", std::string(1000, 'x'));
+    build_ok(dir / "bom.tsv", dir / "new/parents/index", {"--force"});
+    EXPECT_FALSE(fs::exists(dir / "new/parents/index.quorvex-new-k1ll3d"));
 }
 
 // A missing, incomplete or damaged index is bad data, not a usage error:

@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <set>
 #include <stdexcept>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -68,6 +69,12 @@ public:
         for (int i = 0; i < 4; ++i) {
             std::snprintf(staged_paths[i + 1], sizeof staged_paths[0], "%s/%s", this->path.c_str(), BLOB_NAMES[i]);
         }
+        // Held while this build lives: a staging directory nobody holds is
+        // a killed build's, which a later build may remove.
+        this->lock = ::open(this->path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (this->lock >= 0) {
+            ::flock(this->lock, LOCK_EX);
+        }
         staging_active = 1;
         struct sigaction action {};
         action.sa_handler = on_interrupt;
@@ -80,6 +87,9 @@ public:
     ~Staging() {
         if (!this->committed) {
             remove_directory(this->path);
+        }
+        if (this->lock >= 0) {
+            ::close(this->lock);
         }
         staging_active = 0;
         for (int signal_number : {SIGINT, SIGTERM, SIGHUP}) {
@@ -97,9 +107,48 @@ public:
         ::rmdir(directory.c_str());
     }
 
+    // Removes the staging directories beside `output` that builds killed
+    // before they could (SIGKILL, a power cut) left behind: those of this
+    // tool's naming that no living build holds.
+    static void remove_stale(const std::string& output) {
+        size_t slash = output.find_last_of('/');
+        std::string parent = slash == std::string::npos ? "." : slash == 0 ? "/" : output.substr(0, slash);
+        std::string prefix = output.substr(slash == std::string::npos ? 0 : slash + 1) + ".quorvex-new-";
+        DIR* directory = ::opendir(parent.c_str());
+        if (directory == nullptr) {
+            return;
+        }
+        while (dirent* entry = ::readdir(directory)) {
+            std::string name = entry->d_name;
+            if (name.size() != prefix.size() + 6 || name.compare(0, prefix.size(), prefix) != 0) {
+                continue;
+            }
+            std::string stale = parent + "/" + name;
+            int lock = ::open(stale.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+            if (lock >= 0 && ::flock(lock, LOCK_EX | LOCK_NB) == 0) {
+                remove_directory(stale);
+            }
+            if (lock >= 0) {
+                ::close(lock);
+            }
+        }
+        ::closedir(directory);
+    }
+
     std::string path;
     bool committed = false;
+    int lock = -1;
 };
+
+// Creates the directories above `output` that do not exist yet.
+void make_parents(const std::string& output) {
+    for (size_t slash = output.find('/', 1); slash != std::string::npos; slash = output.find('/', slash + 1)) {
+        std::string parent = output.substr(0, slash);
+        if (::mkdir(parent.c_str(), 0777) != 0 && errno != EEXIST) {
+            throw ToolError(EXIT_DATA, parent + ": cannot create the directory: " + std::strerror(errno));
+        }
+    }
+}
 
 void sync_path(const std::string& path, int flags) {
     int descriptor = ::open(path.c_str(), flags);
@@ -214,6 +263,9 @@ int run_build(const BuildOptions& given) {
     } catch (const std::invalid_argument& error) {
         throw ToolError(EXIT_USAGE, error.what());
     }
+    // Where the index goes is settled before the input is read.
+    make_parents(options.output);
+    Staging::remove_stale(options.output);
     struct stat output_status;
     bool output_exists = ::lstat(options.output.c_str(), &output_status) == 0;
     if (output_exists && S_ISLNK(output_status.st_mode)) {
