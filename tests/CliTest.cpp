@@ -10,6 +10,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "Text.h"
 #include "TestSupport.h"
 
 namespace fs = std::filesystem;
@@ -282,6 +283,7 @@ TEST(CliUsage, WrongCommandLinesExitWithTwo) {
         EXPECT_TRUE(refused(run(args), 2));
         EXPECT_FALSE(fs::exists(out));
     }
+    EXPECT_TRUE(refused(run({"frobnicate"}), 2, "unknown command 'frobnicate'"));
     // Named explicitly, the format of any file name is taken.
     build_ok(unknown, out, {"--format", "tsv"});
     EXPECT_EQ(item_count(out), 10);
@@ -649,6 +651,27 @@ TEST(CliSearch, PatternsTyposAndSuggestions) {
     }
     for (const char* bad : {"??", "a\\", "a^b"}) {
         EXPECT_TRUE(refused(run({"search", "--pattern", dir / "words", bad}), 2)) << bad;
+    }
+}
+
+// Lines cut for a terminal keep to its columns, wide characters counting
+// two, marks none, with "…" as the last column.
+TEST(CliText, LinesAreCutByDisplayWidth) {
+    const std::string ellipsis = "\xE2\x80\xA6";
+    const std::string kanji = "\xE6\xBC\xA2\xE5\xAD\x97\xE6\x96\x87\xE5\xAD\x97";  // four wide characters
+    const std::string e_acute = "e\xCC\x81";                                           // one column
+    struct Case {
+        std::string text;
+        size_t columns;
+        std::string expected;
+    };
+    for (const Case& c : std::vector<Case>{{"haus", 4, "haus"}, {"hausboot", 5, "haus" + ellipsis},
+                                           {kanji, 8, kanji}, {kanji, 7, kanji.substr(0, 9) + ellipsis},
+                                           {kanji, 6, kanji.substr(0, 6) + ellipsis},
+                                           {e_acute + e_acute + "xy", 3, e_acute + e_acute + ellipsis},
+                                           {"abc", 0, ""}}) {
+        EXPECT_EQ(quorvex_tool::cut_to_columns(c.text, c.columns), c.expected) << c.text << " in " << c.columns;
+        EXPECT_LE(quorvex_tool::display_width(quorvex_tool::cut_to_columns(c.text, c.columns)), c.columns);
     }
 }
 

@@ -134,7 +134,7 @@ int run_search(const SearchOptions& options) {
             std::string shown_key = printable(key);
             std::string line = printable(first_line(value));
             if (columns > 0) {
-                size_t used = (character_count(shown_key) / 8 + 1) * 8;  // the key and its tab stop
+                size_t used = (display_width(shown_key) / 8 + 1) * 8;  // the key and its tab stop
                 line = cut_to_columns(line, columns > used ? columns - used : 0);
             }
             write_out(shown_key + "\t" + line + "\n");

@@ -81,17 +81,56 @@ std::string_view first_line(std::string_view text) {
     return end == std::string_view::npos ? text : text.substr(0, end);
 }
 
+namespace {
+
+// Columns a terminal gives the character: two for East Asian wide and
+// full-width ones, none for combining marks, one for the rest.
+size_t columns_of(uint32_t c) {
+    if ((c >= 0x300 && c <= 0x36F) || (c >= 0x1AB0 && c <= 0x1AFF) || (c >= 0x1DC0 && c <= 0x1DFF) ||
+        (c >= 0x20D0 && c <= 0x20FF) || (c >= 0xFE20 && c <= 0xFE2F) || c == 0x3099 || c == 0x309A) {
+        return 0;
+    }
+    bool wide = (c >= 0x1100 && c <= 0x115F) || (c >= 0x2E80 && c <= 0x303E) || (c >= 0x3041 && c <= 0x33FF) ||
+                (c >= 0x3400 && c <= 0x4DBF) || (c >= 0x4E00 && c <= 0x9FFF) || (c >= 0xA000 && c <= 0xA4CF) ||
+                (c >= 0xAC00 && c <= 0xD7A3) || (c >= 0xF900 && c <= 0xFAFF) || (c >= 0xFE30 && c <= 0xFE4F) ||
+                (c >= 0xFF00 && c <= 0xFF60) || (c >= 0xFFE0 && c <= 0xFFE6) || (c >= 0x1F300 && c <= 0x1F64F) ||
+                (c >= 0x20000 && c <= 0x3FFFD);
+    return wide ? 2 : 1;
+}
+
+}  // namespace
+
+size_t display_width(std::string_view text) {
+    size_t width = 0;
+    for (size_t i = 0; i < text.size();) {
+        uint32_t c = 0;
+        size_t size = Lexarium::Utf8::read_character(reinterpret_cast<const uint8_t*>(text.data()) + i, text.size() - i, c);
+        width += size == 0 ? 1 : columns_of(c);
+        i += size == 0 ? 1 : size;
+    }
+    return width;
+}
+
 std::string cut_to_columns(const std::string& text, size_t columns) {
-    if (character_count(text) <= columns) {
+    if (display_width(text) <= columns) {
         return text;
     }
-    if (columns == 0) {
-        return "";
+    // Whole characters while they and the ellipsis fit.
+    size_t width = 0;
+    size_t end = 0;
+    while (end < text.size()) {
+        uint32_t c = 0;
+        size_t read = Lexarium::Utf8::read_character(reinterpret_cast<const uint8_t*>(text.data()) + end,
+                                                     text.size() - end, c);
+        size_t size = read == 0 ? 1 : read;
+        size_t next = read == 0 ? 1 : columns_of(c);
+        if (width + next + 1 > columns) {
+            break;
+        }
+        width += next;
+        end += size;
     }
-    // The text is cut to a line of a terminal, far below 4 GiB.
-    uint32_t end = Lexarium::Utf8::char_byte_offset(reinterpret_cast<const uint8_t*>(text.data()),
-                                                    static_cast<uint32_t>(text.size()), static_cast<uint32_t>(columns - 1));
-    return text.substr(0, end) + "\xE2\x80\xA6";
+    return columns == 0 ? "" : text.substr(0, end) + "\xE2\x80\xA6";
 }
 
 std::string with_thousands(uint64_t value) {

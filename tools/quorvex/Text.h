@@ -32,8 +32,12 @@ std::string printable(std::string_view text);
 // The first line of `text` (without its newline).
 std::string_view first_line(std::string_view text);
 
-// At most `columns` characters of valid UTF-8 `text`, with "…" as the last
-// one when something was cut.
+// The columns a terminal takes to show valid UTF-8 `text`: East Asian wide
+// and full-width characters take two, combining marks none.
+size_t display_width(std::string_view text);
+
+// At most `columns` columns of valid UTF-8 `text` (as display_width counts
+// them), with "…" as the last one when something was cut.
 std::string cut_to_columns(const std::string& text, size_t columns);
 
 // Number of characters (code points) of valid UTF-8 `text`.

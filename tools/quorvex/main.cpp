@@ -7,6 +7,7 @@
 #include <cstring>
 #include <exception>
 #include <new>
+#include <string>
 
 #include <CLI/CLI.hpp>
 
@@ -87,8 +88,13 @@ int main(int argc, char** argv) {
         if (error.get_exit_code() == 0) {
             return finish_output(app.exit(error));  // --help, --version
         }
+        // The first word names a command or is none: say so plainly.
+        std::string what = error.what();
+        if (argc > 1 && argv[1][0] != '-' && app.get_subcommands().empty()) {
+            what = std::string("unknown command '") + argv[1] + "'; the commands are build, search, info and verify";
+        }
         std::fprintf(stderr, "quorvex: %s\nRun 'quorvex --help' or 'quorvex COMMAND --help' for usage.\n",
-                     error.what());
+                     what.c_str());
         return EXIT_USAGE;
     }
 
