@@ -654,6 +654,26 @@ TEST(CliSearch, PatternsTyposAndSuggestions) {
     }
 }
 
+// A full disk and a read-only one, mounted for the test where it runs as
+// root: the build fails with the system's reason and leaves nothing.
+TEST(CliBuild, FullAndReadOnlyDisksAreNamed) {
+    TemporaryDirectory dir;
+    fs::create_directories(dir / "full");
+    fs::create_directories(dir / "ro");
+    if (::geteuid() != 0 || std::system(("mount -t tmpfs -o size=40k tmpfs " + dir / "full" + " 2>/dev/null").c_str()) != 0) {
+        GTEST_SKIP() << "mounting a small tmpfs needs root";
+    }
+    bool read_only = std::system(("mount -t tmpfs -o ro tmpfs " + dir / "ro").c_str()) == 0;
+    const std::pair<std::string, const char*> cases[] = {{dir / "full/index", "No space left on device"},
+                                                         {dir / "ro/index", "Read-only file system"}};
+    for (const auto& [output, reason] : cases) {
+        if (output == dir / "ro/index" && !read_only) continue;
+        EXPECT_TRUE(refused(run({"build", "-q", CLI_DATA + "/words.tsv", output}), 1, reason));
+        EXPECT_EQ(differences(tree(fs::path(output).parent_path()), {}), NONE);
+    }
+    EXPECT_EQ(std::system(("umount " + dir / "full" + (read_only ? " " + dir / "ro" : std::string())).c_str()), 0);
+}
+
 // Lines cut for a terminal keep to its columns, wide characters counting
 // two, marks none, with "…" as the last column.
 TEST(CliText, LinesAreCutByDisplayWidth) {

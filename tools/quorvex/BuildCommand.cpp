@@ -162,6 +162,46 @@ void sync_path(const std::string& path, int flags) {
     ::close(descriptor);
 }
 
+// Writes one blob and flushes it to disk, every failure named with the
+// system's reason (a full disk is "No space left on device", whether the
+// write, the flush or the close finds it).
+void write_blob(const std::string& path, const std::vector<Rc<ByteArray>>& chunks) {
+    int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    auto fail = [&](const char* what) {
+        int error = errno;
+        if (descriptor >= 0) {
+            ::close(descriptor);
+        }
+        throw ToolError(EXIT_DATA, path + ": cannot " + what + ": " + std::strerror(error));
+    };
+    if (descriptor < 0) {
+        fail("create");
+    }
+    for (const Rc<ByteArray>& chunk : chunks) {
+        for (uint32_t done = 0; done < chunk->length;) {
+            ssize_t written = ::write(descriptor, chunk->data + done, chunk->length - done);
+            if (written < 0 && errno == EINTR) {
+                continue;
+            }
+            if (written <= 0) {
+                if (written == 0) {
+                    errno = ENOSPC;
+                }
+                fail("write");
+            }
+            done += static_cast<uint32_t>(written);
+        }
+    }
+    if (::fsync(descriptor) != 0) {
+        fail("flush to disk");
+    }
+    int closed = ::close(descriptor);
+    descriptor = -1;
+    if (closed != 0) {
+        fail("close");
+    }
+}
+
 std::string parent_of(const std::string& path) {
     size_t slash = path.find_last_of('/');
     if (slash == std::string::npos) {
@@ -319,13 +359,11 @@ int run_build(const BuildOptions& given) {
 
     progress.phase("building and writing the index");
     Staging staging(options.output);
-    try {
-        writer.write_into_file(staging.file(0), staging.file(1), staging.file(2), staging.file(3));
-    } catch (const std::exception& error) {
-        throw ToolError(EXIT_DATA, staging.path + ": " + error.what());
-    }
+    Rc<Lexarium::Writer::_IndexData> blobs = writer.to_bytes();
+    const std::vector<Rc<ByteArray>>* chunks[4] = {&blobs->table_chunks, &blobs->index_chunks, &blobs->key_chunks,
+                                                   &blobs->data_chunks};
     for (int i = 0; i < 4; ++i) {
-        sync_path(staging.file(i), O_RDONLY);
+        write_blob(staging.file(i), *chunks[i]);
     }
     mode_t mask = ::umask(0);
     ::umask(mask);
