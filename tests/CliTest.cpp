@@ -259,7 +259,7 @@ TEST(CliUsage, WrongCommandLinesExitWithTwo) {
     make_file(unknown, file_contents(words));
     std::vector<std::vector<std::string>> cases = {
         {}, {"frobnicate"},
-        {"search", GOOD_SET}, {"search", GOOD_SET, "b", "surplus"},
+        {"search", GOOD_SET}, {"search", GOOD_SET, "--"},
         {"search", "--limit", "0", "/no/such/index", "b"},  // before looking at the index
         {"search", "--limit", "65536", GOOD_SET, "b"}, {"search", "--limit", "many", GOOD_SET, "b"},
         {"info", GOOD_SET, "surplus"}, {"verify", "--no-such-option", GOOD_SET},
@@ -736,6 +736,25 @@ TEST(CliBuild, InputsAndOutputsAsTheyAreFound) {
     make_file(dir / "new/parents/index.quorvex-new-k1ll3d/data.bin", std::string(1000, 'x'));
     build_ok(dir / "bom.tsv", dir / "new/parents/index", {"--force"});
     EXPECT_FALSE(fs::exists(dir / "new/parents/index.quorvex-new-k1ll3d"));
+}
+
+// Several indexes and keywords at once: hits grouped under the index's name
+// and the keyword, in the order given; in JSON, each hit says where it came
+// from. Keywords after "--" may begin with "-".
+TEST(CliSearch, SeveralIndexesAndKeywords) {
+    TemporaryDirectory dir;
+    build_ok(CLI_DATA + "/words.tsv", dir / "words", {"--name", "Words"});
+    make_file(dir / "dashes.tsv", "-ness\tsuffix\nbaum-\tprefix\n");
+    build_ok(dir / "dashes.tsv", dir / "dashes");
+    ToolRun r = run({"search", "-q", dir / "words", dir / "dashes", "--", "baum", "-ness"});
+    EXPECT_TRUE(exited(r, 0));
+    const std::string dashes = dir / "dashes";  // no name: the directory stands for it
+    EXPECT_EQ(r.out, "== Words: baum\nBaum\ttree\n== " + dashes + ": baum\nbaum-\tprefix\n== " + dashes +
+                         ": -ness\n-ness\tsuffix\n");
+    r = run({"search", "--json", "-k", "tree", "-k", "prefix", dir / "dashes", dir / "words"});
+    EXPECT_EQ(r.out, "");  // keys only
+    r = run({"search", "--json", "-k", "-ness", "-k", "Baum", dir / "words"});
+    EXPECT_EQ(r.out, "{\"dictionary\":\"Words\",\"key\":\"Baum\",\"keyword\":\"Baum\",\"value\":\"tree\"}\n");
 }
 
 // A missing, incomplete or damaged index is bad data, not a usage error:

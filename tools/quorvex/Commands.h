@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace quorvex_tool {
 
@@ -20,8 +21,8 @@ struct BuildOptions {
 };
 
 struct SearchOptions {
-    std::string directory;
-    std::string keyword;
+    std::vector<std::string> arguments;  // INDEX_DIR... [KEYWORD]
+    std::vector<std::string> keywords;   // from -k; then every argument is an index
     uint32_t limit = 20;
     bool json = false;
     bool full = false;

@@ -75,12 +75,19 @@ const std::pair<uint32_t, const char*> LENGTH_BUCKETS[] = {
 
 }  // namespace
 
-int run_search(const SearchOptions& options) {
-    check_keyword(options.keyword);
-    Clock::time_point load_start = Clock::now();
-    Rc<Lexarium::Reader::IndexReader> reader = open_index(options.directory);
-    double load_ms = milliseconds_since(load_start);
+namespace {
 
+// Where a hit came from, when a search asks several indexes or keywords:
+// the index's name (from its description, else its directory) and the
+// keyword.
+struct Source {
+    std::string dictionary;
+    std::string keyword;
+};
+
+// Searches one index for one keyword and prints the hits.
+void search_one(const SearchOptions& options, Lexarium::Reader::IndexReader* reader, const std::string& directory,
+                const std::string& keyword, double load_ms, const Source* source) {
     Clock::time_point search_start = Clock::now();
     Lexarium::Reader::SearchOptions search_options;
     search_options.limit = static_cast<uint16>(options.limit);
@@ -88,7 +95,7 @@ int run_search(const SearchOptions& options) {
     search_options.typos = static_cast<uint8>(options.typos);
     std::vector<Lexarium::Reader::Hit> hits;
     std::string problem;
-    if (!reader->find(options.keyword, search_options, hits, &problem)) {
+    if (!reader->find(keyword, search_options, hits, &problem)) {
         throw ToolError(EXIT_USAGE, problem);
     }
     double search_ms = milliseconds_since(search_start);
@@ -97,19 +104,23 @@ int run_search(const SearchOptions& options) {
     if (suggesting) {
         search_options.typos = 1;
         search_options.limit = 5;
-        reader->find(options.keyword, search_options, hits, nullptr);
+        reader->find(keyword, search_options, hits, nullptr);
     }
     // Results that skipped a damaged record would be incomplete: none rather
     // than some.
-    check_damage(*reader, options.directory);
+    check_damage(*reader, directory);
     if (suggesting) {
-        std::fprintf(stderr, "quorvex: nothing holds \"%s\"%s\n", options.keyword.c_str(),
+        std::fprintf(stderr, "quorvex: nothing holds \"%s\"%s%s\n", keyword.c_str(),
+                     source != nullptr ? (" in " + source->dictionary).c_str() : "",
                      hits.empty() ? "" : options.json ? "; suggestions within one edit follow"
                                                       : "; within one edit:");
     }
 
     bool terminal = is_terminal(STDOUT_FILENO);
     size_t columns = terminal ? terminal_columns() : 0;
+    if (source != nullptr && !options.json && !hits.empty() && !suggesting) {
+        write_out("== " + printable(source->dictionary) + ": " + printable(keyword) + "\n");
+    }
     for (const Lexarium::Reader::Hit& hit : hits) {
         std::string key(hit.key);
         std::string value(hit.value);
@@ -120,6 +131,10 @@ int run_search(const SearchOptions& options) {
             }
             if (suggesting) {
                 object["suggestion"] = true;
+            }
+            if (source != nullptr) {
+                object["dictionary"] = json_text(source->dictionary);
+                object["keyword"] = keyword;
             }
             write_out(object.dump() + "\n");
         } else if (suggesting) {
@@ -142,7 +157,36 @@ int run_search(const SearchOptions& options) {
     }
     if (options.stats) {
         std::fprintf(stderr, "quorvex: %zu hit(s) for \"%s\" in %.3f ms (index opened in %.1f ms)\n",
-                     hits.size(), options.keyword.c_str(), search_ms, load_ms);
+                     hits.size(), keyword.c_str(), search_ms, load_ms);
+    }
+}
+
+}  // namespace
+
+int run_search(const SearchOptions& options) {
+    // INDEX_DIR... KEYWORD, or INDEX_DIR... with -k KEYWORD for each keyword.
+    std::vector<std::string> directories = options.arguments;
+    std::vector<std::string> keywords = options.keywords;
+    if (keywords.empty()) {
+        if (directories.size() < 2) {
+            throw ToolError(EXIT_USAGE, "give an index directory and a keyword (or keywords with -k)");
+        }
+        keywords.push_back(directories.back());
+        directories.pop_back();
+    }
+    for (const std::string& keyword : keywords) {
+        check_keyword(keyword);
+    }
+    bool several = directories.size() > 1 || keywords.size() > 1;
+    for (const std::string& directory : directories) {
+        Clock::time_point load_start = Clock::now();
+        Rc<Lexarium::Reader::IndexReader> reader = open_index(directory);
+        double load_ms = milliseconds_since(load_start);
+        std::string name = reader->description().get("name");
+        for (const std::string& keyword : keywords) {
+            Source source{name.empty() ? directory : name, keyword};
+            search_one(options, reader.get(), directory, keyword, load_ms, several ? &source : nullptr);
+        }
     }
     return EXIT_OK;
 }

@@ -68,8 +68,12 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(0, 2));
     search_command->add_flag("!--no-suggest,!-q", search.suggest,
                              "When nothing is found, do not show keys within one edit");
-    search_command->add_option("INDEX_DIR", search.directory, "An index directory")->required();
-    search_command->add_option("KEYWORD", search.keyword, "UTF-8 text to look for")->required();
+    search_command->add_option("-k,--keyword", search.keywords,
+                               "A keyword to look for, again for more; then every argument is an index");
+    search_command->add_option("INDEX_DIR... KEYWORD", search.arguments,
+                               "Index directories, in the order their hits are shown, and the keyword; or "
+                               "INDEX_DIR... -- KEYWORD... (any keyword, also one that begins with -)")
+        ->required();
 
     InfoOptions info;
     CLI::App* info_command = app.add_subcommand("info", "Describe an index");
@@ -82,8 +86,18 @@ int main(int argc, char** argv) {
     verify_command->add_flag("--json", verify.json, "As one JSON object");
     verify_command->add_option("INDEX_DIR", verify.directory, "An index directory")->required();
 
+    // `quorvex search DIR... -- KEYWORD...`: what follows "--" is keywords,
+    // whatever they begin with, and CLI11 leaves it to us.
+    int parsed_count = argc;
+    for (int i = 1; i + 1 < argc && std::string(argv[1]) == "search"; ++i) {
+        if (std::string(argv[i]) == "--") {
+            search.keywords.assign(argv + i + 1, argv + argc);
+            parsed_count = i;
+            break;
+        }
+    }
     try {
-        app.parse(argc, argv);
+        app.parse(parsed_count, argv);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) {
             return finish_output(app.exit(error));  // --help, --version
