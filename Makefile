@@ -15,7 +15,7 @@ JOBS         ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_ARGS   ?=
 
 BUILD_PACKAGES := cmake make g++ gcc binutils libgtest-dev pkg-config \
-                  libcli11-dev nlohmann-json3-dev zlib1g-dev valgrind
+                  libcli11-dev nlohmann-json3-dev zlib1g-dev valgrind help2man
 BENCH_PACKAGES := libbenchmark-dev
 # The real dictionaries some tests search, and the Unicode data the folding
 # tables are checked against; without them those tests are skipped.

@@ -16,9 +16,15 @@ test -n "$libdir" || { echo "libQuorvex.so was not installed"; exit 1; }
 test -f "$prefix/include/quorvex/CApi.h" || { echo "CApi.h was not installed"; exit 1; }
 test ! -e "$prefix/include/quorvex/Assertions.h" || { echo "an internal header was installed"; exit 1; }
 
-echo "== the installed tool, run from its prefix"
+echo "== the installed tool, run from its prefix, with its completion and manual page"
 if [ -x "$prefix/bin/quorvex" ]; then
   env -u LD_LIBRARY_PATH "$prefix/bin/quorvex" --version
+  completion="$prefix/share/bash-completion/completions/quorvex"
+  words=$(bash -c ". '$completion'; COMP_WORDS=(quorvex se); COMP_CWORD=1; _quorvex; echo \${COMPREPLY[*]}")
+  test "$words" = search || { echo "bash completion of 'quorvex se' gave '$words'"; exit 1; }
+  if command -v help2man >/dev/null; then
+    test -f "$prefix/share/man/man1/quorvex.1" || { echo "quorvex.1 was not installed"; exit 1; }
+  fi
 fi
 
 echo "== pkg-config"
