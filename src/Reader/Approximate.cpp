@@ -179,6 +179,30 @@ void with_swaps(std::vector<uint32>& keyword, size_t from, uint32 swaps, Visit&&
     }
 }
 
+// Checks the candidates of one position (ascending, each once) in key order:
+// each not met at an earlier position whose key record `key_of` reads and
+// whose characters `accepts` joins `found`, until `limit`; `seen` (the
+// entries met so far, ascending) gains them.
+template <typename FoundList, typename KeyOf, typename Accepts>
+void keep_matches(const std::vector<uint32>& candidates, uint32 position, uint32 edits, uint16 limit,
+                  std::vector<uint32>& seen, FoundList& found, KeyOf&& key_of, Accepts&& accepts) {
+    std::vector<uint32> characters;
+    size_t middle = seen.size();
+    for (uint32 entry : candidates) {
+        Records::Key key;
+        if (found.size() >= limit || std::binary_search(seen.begin(), seen.begin() + middle, entry) ||
+            !key_of(entry, key)) {
+            continue;
+        }
+        characters_of(key, characters);
+        if (accepts(characters)) {
+            found.push_back(typename FoundList::value_type{entry, static_cast<uint8>(position), static_cast<uint8>(edits)});
+            seen.push_back(entry);
+        }
+    }
+    std::inplace_merge(seen.begin(), seen.begin() + static_cast<std::ptrdiff_t>(middle), seen.end());
+}
+
 }  // namespace
 
 // The entries whose keys hold every character of `cells` at its position,
@@ -235,8 +259,9 @@ bool IndexReader::find_pattern(const string& text, uint16 limit, std::vector<Fou
         return this->fail(why.c_str(), error);
     }
     std::vector<Cell> cells;
-    std::vector<uint32> candidates, characters;
+    std::vector<uint32> candidates;
     std::vector<uint32> seen;  // ascending
+    auto key_of = [this](uint32 entry, Records::Key& key) { return this->entry_of(entry, key, nullptr); };
     uint32 last = pattern.at_start ? 0 : this->horizon(pattern.characters);
     for (uint32 position = 0; position <= last && position < Format::MAX_CELLS_PER_ROW && found.size() < limit;
          ++position) {
@@ -248,20 +273,8 @@ bool IndexReader::find_pattern(const string& text, uint16 limit, std::vector<Fou
         }
         candidates.clear();
         this->entries_with(cells, candidates);
-        size_t middle = seen.size();
-        for (uint32 entry : candidates) {
-            Records::Key key;
-            if (found.size() >= limit || std::binary_search(seen.begin(), seen.begin() + middle, entry) ||
-                !this->entry_of(entry, key, nullptr)) {
-                continue;
-            }
-            characters_of(key, characters);
-            if (pattern_matches(pattern, characters, position)) {
-                found.push_back(Found{entry, static_cast<uint8>(position), 0});
-                seen.push_back(entry);
-            }
-        }
-        std::inplace_merge(seen.begin(), seen.begin() + static_cast<std::ptrdiff_t>(middle), seen.end());
+        keep_matches(candidates, position, 0, limit, seen, found, key_of,
+                     [&](const std::vector<uint32>& key) { return pattern_matches(pattern, key, position); });
     }
     return true;
 }
@@ -287,7 +300,8 @@ void IndexReader::find_with_typos(const string& text, uint8 typos, uint16 limit,
     std::vector<uint32> seen;  // ascending
     this->find_entries(text, limit, seen, found);
     uint32 last = this->horizon(keyword);
-    std::vector<uint32> candidates, characters, rows[3];
+    std::vector<uint32> candidates, rows[3];
+    auto key_of = [this](uint32 entry, Records::Key& key) { return this->entry_of(entry, key, nullptr); };
     std::vector<Cell> cells;
     // A piece at a place serves several positions (one per shift) and often
     // several variants of the keyword: its entries are kept until the
@@ -330,20 +344,9 @@ void IndexReader::find_with_typos(const string& text, uint8 typos, uint16 limit,
             }
             std::sort(candidates.begin(), candidates.end());
             candidates.erase(std::unique(candidates.begin(), candidates.end()), candidates.end());
-            size_t middle = seen.size();
-            for (uint32 entry : candidates) {
-                Records::Key key;
-                if (found.size() >= limit || std::binary_search(seen.begin(), seen.begin() + middle, entry) ||
-                    !this->entry_of(entry, key, nullptr)) {
-                    continue;
-                }
-                characters_of(key, characters);
-                if (edits_from(keyword, characters, position, edits, rows) <= edits) {
-                    found.push_back(Found{entry, static_cast<uint8>(position), static_cast<uint8>(edits)});
-                    seen.push_back(entry);
-                }
-            }
-            std::inplace_merge(seen.begin(), seen.begin() + static_cast<std::ptrdiff_t>(middle), seen.end());
+            keep_matches(candidates, position, edits, limit, seen, found, key_of, [&](const std::vector<uint32>& key) {
+                return edits_from(keyword, key, position, edits, rows) <= edits;
+            });
         }
     }
 }
