@@ -130,9 +130,9 @@ Hits search_json(const std::string& index, const std::string& keyword, std::vect
     Hits hits;
     for (const std::string& line : lines_of(r.out)) {
         json object = json::parse(line, nullptr, false);
-        if (!object.is_object() || object.size() != 2 || !object.value("key", json()).is_string() ||
-            !object.value("value", json()).is_string()) {
-            ADD_FAILURE() << "not a {\"key\", \"value\"} object of strings: " << line;
+        if (!object.is_object() || object.size() != (object.contains("dictionary") ? 3u : 2u) ||
+            !object.value("key", json()).is_string() || !object.value("value", json()).is_string()) {
+            ADD_FAILURE() << "not a {\"key\", \"value\"[, \"dictionary\"]} object of strings: " << line;
             continue;
         }
         hits.emplace_back(object["key"].get<std::string>(), object["value"].get<std::string>());
@@ -755,6 +755,9 @@ TEST(CliSearch, SeveralIndexesAndKeywords) {
     EXPECT_EQ(r.out, "");  // keys only
     r = run({"search", "--json", "-k", "-ness", "-k", "Baum", dir / "words"});
     EXPECT_EQ(r.out, "{\"dictionary\":\"Words\",\"key\":\"Baum\",\"keyword\":\"Baum\",\"value\":\"tree\"}\n");
+    // One index with a name: its hits carry it too.
+    EXPECT_EQ(run({"search", "--json", dir / "words", "Baum"}).out,
+              "{\"dictionary\":\"Words\",\"key\":\"Baum\",\"value\":\"tree\"}\n");
 }
 
 // A missing, incomplete or damaged index is bad data, not a usage error:

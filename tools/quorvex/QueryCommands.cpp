@@ -135,6 +135,8 @@ void search_one(const SearchOptions& options, Lexarium::Reader::IndexReader* rea
             if (source != nullptr) {
                 object["dictionary"] = json_text(source->dictionary);
                 object["keyword"] = keyword;
+            } else if (!reader->description().get("name").empty()) {
+                object["dictionary"] = json_text(reader->description().get("name"));
             }
             write_out(object.dump() + "\n");
         } else if (suggesting) {
