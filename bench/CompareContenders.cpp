@@ -7,13 +7,16 @@
 #include <cstring>
 #include <set>
 #include <stdexcept>
+#include <unordered_map>
 
 #include <divsufsort.h>
 #include <sqlite3.h>
 
+#include "Fold.h"
 #include "Format.h"
 #include "Reader/IndexReader.h"
 #include "Records.h"
+#include "Writer/IndexBuilder.h"
 #include "Writer/IndexWriter.h"
 
 namespace Lexarium::Bench::Compare {
@@ -411,6 +414,281 @@ private:
     std::vector<uint32_t> answer;
 };
 
+// ---- Quorvex built with IndexBuilder: exact and folded ----------------------
+
+bool is_space(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
+
+// The keyword as find() compares it with an item's key: without white
+// space at either end.
+std::string_view trimmed(std::string_view text) {
+    while (!text.empty() && is_space(text.front())) {
+        text.remove_prefix(1);
+    }
+    while (!text.empty() && is_space(text.back())) {
+        text.remove_suffix(1);
+    }
+    return text;
+}
+
+// Items come back as the reader's views of their keys; the key numbers are
+// looked up afterwards, outside the timed call.
+class BuiltQuorvexContender : public Contender {
+public:
+    explicit BuiltQuorvexContender(BuiltIndex kind) : kind(kind) {}
+
+    std::string name() const override {
+        switch (this->kind) {
+            case BuiltIndex::ExactSearch:
+                return "quorvex exact search";
+            case BuiltIndex::ExactFind:
+                return "quorvex exact find";
+            case BuiltIndex::Folded:
+                break;
+        }
+        return "quorvex folded";
+    }
+    bool index_order() const override { return true; }
+    // The exact index answers another question than the folded reference.
+    Checked checked() const override { return this->kind == BuiltIndex::Folded ? Checked::Must : Checked::Not; }
+
+    void build(const Dictionary& dictionary, const std::string& directory) override {
+        Writer::IndexSettings settings;
+        settings.folded = this->kind == BuiltIndex::Folded;
+        Writer::IndexBuilder builder(settings);
+        for (size_t k = 0; k < dictionary.keys.size(); ++k) {
+            std::string refused = builder.add(dictionary.keys[k], dictionary.values[k]);
+            if (!refused.empty()) {
+                throw std::runtime_error("IndexBuilder refuses \"" + dictionary.keys[k] + "\": " + refused);
+            }
+        }
+        Writer::IndexWriter writer;
+        std::string problem = builder.fill(writer);
+        if (!problem.empty()) {
+            throw std::runtime_error("IndexBuilder: " + problem);
+        }
+        writer.write_into_directory_with_default_file_name(directory);
+    }
+
+    void load(const std::string& directory) override {
+        this->reader = Reader::IndexReader::from_directory(directory);
+    }
+
+    void unload() override {
+        this->release();
+        this->reader = Rc<Reader::IndexReader>();
+    }
+
+    size_t search(const std::string& keyword, uint32_t limit) override {
+        uint16 cut = static_cast<uint16>(std::min<uint32_t>(limit, 65535));
+        if (this->kind == BuiltIndex::ExactSearch) {
+            this->results = this->reader->search(keyword, cut);
+            return this->results->size();
+        }
+        Reader::SearchOptions options;
+        options.limit = cut;
+        if (!this->reader->find(keyword, options, this->hits, &this->error)) {
+            throw std::runtime_error(this->name() + " refuses \"" + keyword + "\": " + this->error);
+        }
+        return this->hits.size();
+    }
+
+    std::vector<uint32_t> answer_keys() const override {
+        std::vector<uint32_t> keys;
+        auto number = [this](std::string_view key) {
+            auto found = this->numbers.find(std::string(key));
+            if (found == this->numbers.end()) {
+                throw std::runtime_error(this->name() + " answers a key that is no item's: " + std::string(key));
+            }
+            return found->second;
+        };
+        if (this->kind == BuiltIndex::ExactSearch) {
+            for (const Rc<Reader::SearchResult>& result : *this->results) {
+                keys.push_back(number(std::string_view(reinterpret_cast<const char*>(result->key->data), result->key->length)));
+            }
+        } else {
+            for (const Reader::Hit& hit : this->hits) {
+                keys.push_back(number(hit.key));
+            }
+        }
+        return keys;
+    }
+
+    // Frees the answer's memory too, so that every call allocates afresh
+    // as search() does.
+    void release() override {
+        this->results = Results();
+        std::vector<Reader::Hit>().swap(this->hits);
+    }
+
+    // The index describes itself as built: its folding and item count.
+    void verify(const Dictionary& dictionary) override {
+        uint32_t folding = this->kind == BuiltIndex::Folded ? FOLDING_VERSION : 0;
+        std::string items = this->reader->description().get("items");
+        if (this->reader->folding() != folding || items != std::to_string(dictionary.keys.size())) {
+            throw std::runtime_error(this->name() + ": the index says folding " +
+                                     std::to_string(this->reader->folding()) + ", " + items + " items");
+        }
+        this->numbers.clear();
+        for (size_t k = 0; k < dictionary.keys.size(); ++k) {
+            this->numbers.emplace(dictionary.keys[k], static_cast<uint32_t>(k));
+            this->numbers.emplace(dictionary.stored[k], static_cast<uint32_t>(k));
+        }
+    }
+
+private:
+    typedef Rc<std::vector<Rc<Reader::SearchResult>>> Results;
+
+    BuiltIndex kind;
+    Rc<Reader::IndexReader> reader;
+    Results results;
+    std::vector<Reader::Hit> hits;
+    std::string error;
+    std::unordered_map<std::string, uint32_t> numbers;  // key (whole or stored) -> key number
+};
+
+// ---- The scan over folded keys ----------------------------------------------
+
+// Besides the flat items:
+// entries.txt:       the distinct folded keys in byte order, NUL after each
+// entry_starts.bin:  e + 1 native uint32 offsets into entry_items.bin's numbers
+// entry_items.bin:   each entry's item numbers, ascending (input order)
+// A search folds the keyword, finds it with memmem in entries.txt, keeps each
+// entry at its first position, orders the entries by position then key
+// order, and lists their items, those whose key holds the keyword as typed
+// first: find()'s order, worked out without an index.
+class FoldedScanContender : public Contender {
+public:
+    std::string name() const override { return "folded scan"; }
+    bool index_order() const override { return true; }
+
+    void build(const Dictionary& dictionary, const std::string& directory) override {
+        write_flat_items(dictionary, directory, joined_stored_keys(dictionary));
+        std::vector<std::string> folded(dictionary.keys.size());
+        for (size_t k = 0; k < folded.size(); ++k) {
+            if (!fold(dictionary.keys[k], &folded[k])) {
+                throw std::runtime_error("cannot fold \"" + dictionary.keys[k] + "\"");
+            }
+        }
+        std::vector<uint32_t> order(folded.size());
+        for (uint32_t k = 0; k < order.size(); ++k) {
+            order[k] = k;
+        }
+        std::stable_sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) { return folded[a] < folded[b]; });
+        std::string entries;
+        std::vector<uint32_t> starts;
+        for (size_t i = 0; i < order.size(); ++i) {
+            if (i == 0 || folded[order[i]] != folded[order[i - 1]]) {
+                entries += folded[order[i]];
+                entries += '\0';
+                starts.push_back(static_cast<uint32_t>(i));
+            }
+        }
+        starts.push_back(static_cast<uint32_t>(order.size()));
+        write_whole_file(directory + "/entries.txt", entries.data(), entries.size());
+        write_whole_file(directory + "/entry_starts.bin", starts.data(), starts.size() * sizeof(uint32_t));
+        write_whole_file(directory + "/entry_items.bin", order.data(), order.size() * sizeof(uint32_t));
+    }
+
+    void load(const std::string& directory) override {
+        this->items = read_flat_items(directory);
+        this->entries = read_whole_file(directory + "/entries.txt");
+        this->entry_starts = read_array<uint32_t>(directory + "/entry_starts.bin");
+        this->entry_items = read_array<uint32_t>(directory + "/entry_items.bin");
+        this->entry_offsets.assign(1, 0);
+        for (size_t at = this->entries.find('\0'); at != std::string::npos; at = this->entries.find('\0', at + 1)) {
+            this->entry_offsets.push_back(static_cast<uint32_t>(at + 1));
+        }
+        if (this->entry_offsets.size() != this->entry_starts.size() ||
+            this->entry_items.size() != this->items.size() || this->entry_starts.back() != this->items.size()) {
+            throw std::runtime_error(directory + ": the folded entries do not belong to the items");
+        }
+    }
+
+    void unload() override {
+        this->release();
+        this->items = FlatItems();
+        std::string().swap(this->entries);
+        std::vector<uint32_t>().swap(this->entry_offsets);
+        std::vector<uint32_t>().swap(this->entry_starts);
+        std::vector<uint32_t>().swap(this->entry_items);
+    }
+
+    size_t search(const std::string& keyword, uint32_t limit) override {
+        std::string folded;
+        if (!fold(keyword, &folded) || folded.empty()) {
+            return 0;
+        }
+        std::vector<uint64_t> hits = this->first_hits(folded);  // (position, entry) in entry order
+        // Counting sort by position, stable: next[p] is where position p
+        // goes, the number of hits before it.
+        std::array<uint32_t, 257> next{};
+        for (uint64_t hit : hits) {
+            ++next[(hit >> 32) + 1];
+        }
+        for (size_t p = 1; p < next.size(); ++p) {
+            next[p] += next[p - 1];
+        }
+        std::vector<uint32_t> ordered(hits.size());
+        for (uint64_t hit : hits) {
+            ordered[next[hit >> 32]++] = key_of(hit);
+        }
+        std::string_view typed = trimmed(keyword);
+        for (size_t i = 0; i < ordered.size() && this->answer.size() < limit; ++i) {
+            this->add_items(ordered[i], typed, limit);
+        }
+        return this->answer.size();
+    }
+
+    std::vector<uint32_t> answer_keys() const override { return this->answer; }
+    void release() override { std::vector<uint32_t>().swap(this->answer); }
+    void verify(const Dictionary& dictionary) override { verify_flat_items(this->items, dictionary); }
+
+private:
+    // Each entry holding `folded`, at its first position, in entry order.
+    std::vector<uint64_t> first_hits(const std::string& folded) const {
+        const char* text = this->entries.data();
+        const char* end = text + this->entries.size();
+        std::vector<uint64_t> hits;
+        uint32_t entry = 0;
+        bool any = false;
+        for (const char* at = static_cast<const char*>(memmem(text, this->entries.size(), folded.data(), folded.size()));
+             at != nullptr;
+             at = static_cast<const char*>(memmem(at + 1, static_cast<size_t>(end - at - 1), folded.data(), folded.size()))) {
+            uint32_t offset = static_cast<uint32_t>(at - text);
+            uint32_t before = entry;
+            while (this->entry_offsets[entry + 1] <= offset) {
+                ++entry;
+            }
+            if (!any || entry != before) {
+                hits.push_back(pack(position_of(text + this->entry_offsets[entry], at), entry));
+                any = true;
+            }
+        }
+        return hits;
+    }
+
+    // The entry's items, those whose key holds `typed` first, each group in
+    // input order, as far as the limit goes.
+    void add_items(uint32_t entry, std::string_view typed, uint32_t limit) {
+        for (bool holding : {true, false}) {
+            for (uint32_t i = this->entry_starts[entry]; i < this->entry_starts[entry + 1]; ++i) {
+                uint32_t item = this->entry_items[i];
+                if ((this->items.key(item).find(typed) != std::string_view::npos) == holding &&
+                    this->answer.size() < limit) {
+                    this->answer.push_back(item);
+                }
+            }
+        }
+    }
+
+    FlatItems items;
+    std::string entries;
+    std::vector<uint32_t> entry_offsets;  // e + 1: entry e's folded key starts at entries[entry_offsets[e]]
+    std::vector<uint32_t> entry_starts;
+    std::vector<uint32_t> entry_items;
+    std::vector<uint32_t> answer;
+};
+
 // ---- SQLite -----------------------------------------------------------------
 
 void check_sqlite(int code, sqlite3* db, const std::string& what) {
@@ -693,6 +971,43 @@ protected:
     std::string expected_plan() const override { return "VIRTUAL TABLE INDEX 0:G"; }
 };
 
+// FTS5 folding case: the trigram tokenizer with case_sensitive 0 (SQLite
+// 3.40 refuses remove_diacritics for it), asked with MATCH and the keyword
+// as one quoted phrase, which FTS5 answers from its trigrams alone (LIKE
+// would check each row again with SQLite's LIKE, which folds ASCII only).
+// Phrases need detail=full. Trigrams need three characters; the keyword
+// goes as typed, so it has none at either end that find() would trim.
+class SqliteFts5NocaseContender : public SqliteFts5Contender {
+public:
+    std::string name() const override { return "sqlite fts5 nocase"; }
+    Checked checked() const override { return Checked::Counted; }
+    bool supports(const Keyword& keyword) const override {
+        return keyword.code_points >= 3 && trimmed(keyword.text).size() == keyword.text.size();
+    }
+    std::string examine(const std::vector<Keyword>&, const std::vector<Reference>&) override { return ""; }
+
+protected:
+    std::string create_sql() const override {
+        return "CREATE VIRTUAL TABLE items USING fts5(key, tokenize='trigram case_sensitive 0', detail=full);"
+               "CREATE TABLE item_values(id INTEGER PRIMARY KEY, value BLOB NOT NULL)";
+    }
+    std::vector<std::string> query_sql() const override {
+        return {"SELECT rowid FROM items WHERE items MATCH ?1 LIMIT ?2"};
+    }
+    size_t query_for(const std::string&) const override { return 0; }
+    std::string pattern_of(const std::string& keyword) const override {
+        std::string phrase = "\"";
+        for (char c : keyword) {
+            phrase += c;
+            if (c == '"') {
+                phrase += c;
+            }
+        }
+        return phrase + "\"";
+    }
+    std::string expected_plan() const override { return "VIRTUAL TABLE INDEX 0:M"; }
+};
+
 // A plain table scanned with LIKE '%keyword%' (% _ and \ escaped), made
 // case-sensitive with PRAGMA case_sensitive_like. Rows come in key order.
 class SqliteLikeContender : public SqliteContender {
@@ -739,5 +1054,33 @@ std::unique_ptr<Contender> make_scan() { return std::make_unique<ScanContender>(
 std::unique_ptr<Contender> make_suffix_array() { return std::make_unique<SuffixArrayContender>(); }
 std::unique_ptr<Contender> make_sqlite_fts5() { return std::make_unique<SqliteFts5Contender>(); }
 std::unique_ptr<Contender> make_sqlite_like() { return std::make_unique<SqliteLikeContender>(); }
+std::unique_ptr<Contender> make_quorvex_built(BuiltIndex kind) { return std::make_unique<BuiltQuorvexContender>(kind); }
+std::unique_ptr<Contender> make_folded_scan() { return std::make_unique<FoldedScanContender>(); }
+std::unique_ptr<Contender> make_sqlite_fts5_nocase() { return std::make_unique<SqliteFts5NocaseContender>(); }
+
+Dictionary buildable_items(const Dictionary& dictionary, uint64_t& refused) {
+    Writer::IndexSettings exact_settings;
+    exact_settings.folded = false;
+    Writer::IndexBuilder exact(exact_settings);
+    Writer::IndexBuilder folded;
+    std::vector<std::string> keys;
+    std::vector<std::string> values;
+    refused = 0;
+    for (size_t k = 0; k < dictionary.keys.size(); ++k) {
+        // Both see every item, so that neither stops at the first refusal.
+        bool taken = exact.add(dictionary.keys[k], dictionary.values[k]).empty();
+        taken = folded.add(dictionary.keys[k], dictionary.values[k]).empty() && taken;
+        if (taken) {
+            keys.push_back(dictionary.keys[k]);
+            values.push_back(dictionary.values[k]);
+        } else {
+            ++refused;
+        }
+    }
+    Dictionary taken = make_dictionary(dictionary.name, std::move(keys), std::move(values));
+    taken.invalid = dictionary.invalid;
+    taken.merged = dictionary.merged;
+    return taken;
+}
 
 }  // namespace Lexarium::Bench::Compare

@@ -1,8 +1,10 @@
 #ifndef QUORVEX_BENCH_COMPARE_CONTENDERS_H
 #define QUORVEX_BENCH_COMPARE_CONTENDERS_H
 
-// The contenders of the comparison benchmark: five ways to answer "which
-// keys contain this keyword" over the same items. Each writes its own files
+// The contenders of the comparison benchmark: ways to answer "which keys
+// contain this keyword" over the same items, exactly (five) or folded as
+// people type (Quorvex's folded index, a scan over folded keys and FTS5
+// folding case, with Quorvex's exact index beside them). Each writes its own files
 // into a directory (build), opens them again (load) and answers keywords
 // (search). Answers are key numbers: positions in the dictionary's key
 // order.
@@ -29,6 +31,17 @@ public:
 
     // Short name for tables ("quorvex", "scan", ...).
     virtual std::string name() const = 0;
+
+    // How its answers are held against the reference's (the first
+    // contender's): they must agree (a difference fails the run), their
+    // differences are counted (another notion of a match), or they answer
+    // another question and are not compared.
+    enum class Checked { Must, Counted, Not };
+    virtual Checked checked() const { return Checked::Must; }
+
+    // False for keywords it cannot answer as asked (FTS5's trigrams need
+    // three characters): those are neither timed nor compared.
+    virtual bool supports(const Keyword&) const { return true; }
 
     // True when answers come in the index's order: by the code point
     // position the keyword starts at, then key order, one result per
@@ -77,6 +90,22 @@ std::unique_ptr<Contender> make_scan();
 std::unique_ptr<Contender> make_suffix_array();
 std::unique_ptr<Contender> make_sqlite_fts5();
 std::unique_ptr<Contender> make_sqlite_like();
+
+// Built with IndexBuilder: exact and asked with search() or find(), or
+// folded and asked with find(). Answers are items (key numbers), each once
+// but from search().
+enum class BuiltIndex { ExactSearch, ExactFind, Folded };
+std::unique_ptr<Contender> make_quorvex_built(BuiltIndex kind);
+// Every key folded once at build; the keyword folded and found with memmem;
+// items given in find()'s order.
+std::unique_ptr<Contender> make_folded_scan();
+// FTS5, trigram tokenizer folding case (case_sensitive 0), asked with MATCH.
+std::unique_ptr<Contender> make_sqlite_fts5_nocase();
+
+// The items both IndexBuilders (exact and folded) take, so that every
+// contender of the folded comparison holds the same ones; `refused` counts
+// the others.
+Dictionary buildable_items(const Dictionary& dictionary, uint64_t& refused);
 
 }  // namespace Lexarium::Bench::Compare
 
