@@ -698,9 +698,11 @@ std::vector<bool> members(const DictionaryReport& report, const Group& group) {
     return chosen;
 }
 
-double group_median(const DictionaryReport& report, const LimitFigures& limit, const Group& group) {
+// The group's median latency, "-" when the contender was asked none of it.
+std::string group_median(const DictionaryReport& report, const LimitFigures& limit, const Group& group) {
     std::vector<bool> chosen = members(report, group);
-    return median_of(limit.latencies_us(&chosen));
+    std::vector<double> latencies = limit.latencies_us(&chosen);
+    return latencies.empty() ? "-" : figure(median_of(latencies));
 }
 
 // Quorvex's cost per returned result at 65535: the sum of the per-keyword
@@ -746,7 +748,21 @@ struct PeerFigures {
     size_t keywords = 0;
     double folded[LIMIT_COUNT][2] = {};  // median, p99 of quorvex folded
     double peer[LIMIT_COUNT][2] = {};
+    double folded_results = 0;  // mean results at 65535 over the same keywords
+    double peer_results = 0;
 };
+
+double mean_results_of(const LimitFigures& limit, const std::vector<bool>& chosen) {
+    double sum = 0;
+    size_t count = 0;
+    for (size_t k = 0; k < chosen.size(); ++k) {
+        if (chosen[k]) {
+            sum += static_cast<double>(limit.results[k]);
+            ++count;
+        }
+    }
+    return count == 0 ? 0 : sum / static_cast<double>(count);
+}
 
 std::vector<PeerFigures> folded_peers(const DictionaryReport& report) {
     std::vector<PeerFigures> peers;
@@ -768,6 +784,8 @@ std::vector<PeerFigures> folded_peers(const DictionaryReport& report) {
             peer.peer[l][0] = percentile(theirs, 0.5);
             peer.peer[l][1] = percentile(theirs, 0.99);
         }
+        peer.folded_results = mean_results_of(folded.limits[FULL], asked);
+        peer.peer_results = mean_results_of(other.limits[FULL], asked);
         peers.push_back(peer);
     }
     return peers;
@@ -784,7 +802,7 @@ void write_folded_peers(std::ostream& out, const DictionaryReport& report) {
     for (uint32_t limit : LIMITS) {
         out << " L" << limit << " median folded / peer | ratio | L" << limit << " p99 folded / peer | ratio |";
     }
-    out << "\n|---|--:|--:|--:|--:|--:|--:|--:|--:|--:|\n";
+    out << " L65535 results folded / peer |\n|---|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|\n";
     for (const PeerFigures& peer : folded_peers(report)) {
         out << "| " << peer.name << " | " << peer.keywords << " |";
         for (size_t l = 0; l < LIMIT_COUNT; ++l) {
@@ -793,7 +811,7 @@ void write_folded_peers(std::ostream& out, const DictionaryReport& report) {
                     << ratio(peer.folded[l][q], peer.peer[l][q]) << " |";
             }
         }
-        out << "\n";
+        out << " " << figure(peer.folded_results) << " / " << figure(peer.peer_results) << " |\n";
     }
     const ContenderFigures& folded = report.contenders.front();
     out << "\nBuilds (s, median of " << BUILD_ROUNDS << "): quorvex folded " << format("%.3f", folded.build_seconds);
@@ -842,7 +860,7 @@ void print_console(const DictionaryReport& report) {
         std::printf("  %-20s", c.name.c_str());
         for (size_t l = 0; l < LIMIT_COUNT; ++l) {
             for (const Group& group : GROUPS) {
-                std::printf(" %s %8s", group.title, figure(group_median(report, c.limits[l], group)).c_str());
+                std::printf(" %s %8s", group.title, group_median(report, c.limits[l], group).c_str());
             }
             std::printf(l == 0 ? " |" : "\n");
         }
@@ -893,8 +911,8 @@ void write_markdown(const std::vector<DictionaryReport>& reports, const Options&
         for (const ContenderFigures& c : report.contenders) {
             out << "| " << c.name << " |";
             for (const Group& group : GROUPS) {
-                out << " " << figure(group_median(report, c.limits[0], group)) << " / "
-                    << figure(group_median(report, c.limits[FULL], group)) << " |";
+                out << " " << group_median(report, c.limits[0], group) << " / "
+                    << group_median(report, c.limits[FULL], group) << " |";
             }
             out << "\n";
         }

@@ -984,7 +984,23 @@ public:
     bool supports(const Keyword& keyword) const override {
         return keyword.code_points >= 3 && trimmed(keyword.text).size() == keyword.text.size();
     }
-    std::string examine(const std::vector<Keyword>&, const std::vector<Reference>&) override { return ""; }
+    // Whether this SQLite would also drop diacritics in the trigram
+    // tokenizer, asked of it on every run rather than assumed.
+    std::string examine(const std::vector<Keyword>&, const std::vector<Reference>&) override {
+        sqlite3* db = nullptr;
+        sqlite3_open(":memory:", &db);
+        char* message = nullptr;
+        int code = sqlite3_exec(db,
+                                "CREATE VIRTUAL TABLE t USING fts5(k, tokenize='trigram case_sensitive 0 "
+                                "remove_diacritics 2')",
+                                nullptr, nullptr, &message);
+        std::string answer = code == SQLITE_OK ? "accepted"
+                                               : std::string("refused (") + (message ? message : "?") + ")";
+        sqlite3_free(message);
+        sqlite3_close(db);
+        return std::string("SQLite ") + sqlite3_libversion() + " " + answer +
+               " remove_diacritics 2 for the trigram tokenizer; this contender folds case only";
+    }
 
 protected:
     std::string create_sql() const override {

@@ -12,6 +12,9 @@
 # arguments the dictionaries are yours instead of the three defaults. If the
 # program fails (or finds an answer that differs from Quorvex's), nothing in
 # docs/ changes. --plot-only draws the plot again from the last run's data.
+# With --folded among the options the folded comparison runs instead: its
+# tables go between <!-- folded-results:begin --> and
+# <!-- folded-results:end -->, and no plot is drawn.
 # Needs: libsqlite3-dev and libdivsufsort-dev at build time, gnuplot-nox,
 # dict-freedict-deu-eng, dict-freedict-jpn-eng and dict-gcide (make bench
 # installs them).
@@ -79,21 +82,32 @@ if [ ! -x "$program" ]; then
   echo "error: $program is missing; configure with -DQUORVEX_BUILD_BENCH=ON and build it" >&2
   exit 1
 fi
-if ! grep -q '^<!-- results:begin -->$' "$doc" || ! grep -q '^<!-- results:end -->$' "$doc"; then
-  echo "error: $doc lacks the results markers" >&2
-  exit 1
+
+folded=false
+for option in "$@"; do
+  [ "$option" = "--folded" ] && folded=true
+done
+begin='<!-- results:begin -->'
+end='<!-- results:end -->'
+if $folded; then
+  begin='<!-- folded-results:begin -->'
+  end='<!-- folded-results:end -->'
 fi
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
+if ! grep -qx "$begin" "$doc" || ! grep -qx "$end" "$doc"; then
+  echo "error: $doc lacks the lines $begin and $end" >&2
+  exit 1
+fi
+
 started=$(date)
 "$program" --markdown "$work/tables.md" --plot-data "$work/latency.dat" "$@"
-cp "$work/latency.dat" "$data"
 
 # ---- The generated part of docs/PERFORMANCE.md ----
 {
-  echo "<!-- results:begin -->"
+  echo "$begin"
   echo "<!-- Written by scripts/bench-compare.sh; edits here are overwritten. -->"
   echo
   echo "Run started $started, finished $(date)."
@@ -107,15 +121,20 @@ cp "$work/latency.dat" "$data"
   echo
   cat "$work/tables.md"
   echo
-  echo "<!-- results:end -->"
+  echo "$end"
 } >"$work/results.md"
 
-awk -v results="$work/results.md" '
-  /^<!-- results:begin -->$/ { while ((getline line < results) > 0) print line; skipping = 1; next }
-  /^<!-- results:end -->$/   { skipping = 0; next }
-  !skipping                  { print }
+awk -v results="$work/results.md" -v begin="$begin" -v end="$end" '
+  $0 == begin { while ((getline line < results) > 0) print line; skipping = 1; next }
+  $0 == end   { skipping = 0; next }
+  !skipping   { print }
 ' "$doc" >"$work/PERFORMANCE.md"
 cp "$work/PERFORMANCE.md" "$doc"
 
+if $folded; then
+  echo "wrote $doc"
+  exit 0
+fi
+cp "$work/latency.dat" "$data"
 draw
 echo "wrote $doc and $plot (data: $data)"
