@@ -131,16 +131,15 @@ bool IndexReader::entry_of(uint32 entry, Records::Key& key, Records::Value* valu
     return true;
 }
 
-// Appends the items of one entry: of a folded index, those whose key holds
-// the keyword as typed first, then the rest, each group in input order; of
-// an exact index, the entry itself.
-void IndexReader::add_items(std::string_view key, std::string_view value, const Found& found, const string& typed,
-                            uint16 limit, std::vector<Hit>& hits) const {
+// Appends the items of one entry in input order: of a folded index, every
+// (key, value) pair its value holds, a pair without a key of its own taking
+// the entry's key; of an exact index, the entry itself.
+void IndexReader::expand_entry(std::string_view key, std::string_view value, uint8 position, uint8 edits,
+                               std::vector<Hit>& hits) const {
     if (this->folding_version == 0) {
-        hits.push_back(Hit{key, value, found.position, found.edits});
+        hits.push_back(Hit{key, value, position, edits});
         return;
     }
-    size_t first = hits.size();
     const uint8* bytes = reinterpret_cast<const uint8*>(value.data());
     for (uint64_t offset = 0; offset < value.size();) {
         Records::Pair pair;
@@ -149,14 +148,58 @@ void IndexReader::add_items(std::string_view key, std::string_view value, const 
             break;
         }
         std::string_view original = pair.first_length == 0 ? key : view_of(pair.first, pair.first_length);
-        hits.push_back(Hit{original, view_of(pair.second, pair.second_length), found.position, found.edits});
+        hits.push_back(Hit{original, view_of(pair.second, pair.second_length), position, edits});
         offset += pair.size();
     }
+}
+
+// The items of one found entry, those whose key holds the keyword as typed
+// first, each group in input order.
+void IndexReader::add_items(std::string_view key, std::string_view value, const Found& found, const string& typed,
+                            uint16 limit, std::vector<Hit>& hits) const {
+    size_t first = hits.size();
+    this->expand_entry(key, value, found.position, found.edits, hits);
     auto exactly_typed = [&typed](const Hit& hit) { return hit.key.find(typed) != std::string_view::npos; };
     std::stable_partition(hits.begin() + static_cast<std::ptrdiff_t>(first), hits.end(), exactly_typed);
     if (hits.size() > limit) {
         hits.resize(limit);
     }
+}
+
+// Key records lie back to back in key order, so the walk is a read of
+// key.bin from the front; the empty key (the description) is skipped.
+bool IndexReader::next_items(uint64_t& cursor, size_t batch, std::vector<Hit>& items) const {
+    size_t before = items.size();
+    size_t wanted = before + batch;
+    while (items.size() < wanted && cursor < this->key_bytes->length) {
+        Records::Key key;
+        Records::Value value;
+        if (!this->entry_of(static_cast<uint32>(cursor), key, &value)) {
+            cursor = this->key_bytes->length;
+            break;
+        }
+        cursor += key.size();
+        if (key.length != 0) {
+            this->expand_entry(view_of(key.text, key.length), view_of(value.bytes, value.length), 0, 0, items);
+        }
+    }
+    return items.size() > before || cursor < this->key_bytes->length;
+}
+
+uint64_t IndexReader::item_count() const {
+    const string& stored = this->described.get("items");
+    if (!stored.empty() && stored.size() < 20 &&
+        stored.find_first_not_of("0123456789") == string::npos) {
+        return std::stoull(stored);
+    }
+    uint64_t count = 0;
+    std::vector<Hit> items;
+    for (uint64_t cursor = 0; cursor < this->key_bytes->length;) {
+        items.clear();
+        this->next_items(cursor, 4096, items);
+        count += items.size();
+    }
+    return count;
 }
 
 bool IndexReader::find(const string& keyword, const SearchOptions& options, std::vector<Hit>& hits,

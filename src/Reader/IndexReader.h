@@ -190,6 +190,21 @@ public:
     bool find(const std::string& keyword, const SearchOptions& options, std::vector<Hit>& hits,
               std::string* error) const;
 
+    // Walks every item of the index in key order, a batch at a time:
+    // appends to `items` the items of the entries from key.bin offset
+    // `cursor` on until at least `batch` were added or key.bin ends, and
+    // moves `cursor` past those entries. Start at 0; returns false once
+    // nothing was added and nothing is left. The items of one folded entry
+    // come together in input order; the description is not an item.
+    // Hits have position and edits 0. Never stops the process: a record
+    // that does not lie inside its file ends the walk (and counts as damage
+    // passed over, see damage_passed_over()).
+    bool next_items(uint64_t& cursor, size_t batch, std::vector<Hit>& items) const;
+
+    // The number of items: what the description says, or else a walk
+    // counts them.
+    uint64_t item_count() const;
+
     // Parses `table_bytes` into `index_table`, replacing an earlier parse.
     void initialize();
 
@@ -248,6 +263,8 @@ private:
     struct Cell;
     void find_entries(const std::string& text, uint16 limit, std::vector<uint32>& seen,
                       std::vector<Found>& found) const;
+    void expand_entry(std::string_view key, std::string_view value, uint8 position, uint8 edits,
+                      std::vector<Hit>& hits) const;
     void add_items(std::string_view key, std::string_view value, const Found& found, const std::string& typed,
                    uint16 limit, std::vector<Hit>& hits) const;
     bool entry_of(uint32 entry, Records::Key& key, Records::Value* value) const;

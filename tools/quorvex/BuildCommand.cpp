@@ -6,15 +6,12 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <dirent.h>
-#include <fcntl.h>
-#include <set>
 #include <stdexcept>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <Writer/IndexBuilder.h>
+#include <Writer/IndexDirectory.h>
 #include <Writer/IndexWriter.h>
 
 #include "Commands.h"
@@ -29,207 +26,43 @@ namespace {
 
 const char* const BLOB_NAMES[] = {"table.bin", "index.bin", "key.bin", "data.bin"};
 
-// ---- The staging directory, removed again if the build fails or is
-// interrupted. The signal handler only unlinks precomputed paths, which is
-// safe to do from a handler.
+// ---- The staging directory of the write, removed by the signal handler if
+// the build is interrupted. The handler only unlinks precomputed paths,
+// which is safe to do from a handler.
 
 char staged_paths[5][4096];
 volatile sig_atomic_t staging_active = 0;
 
-void remove_staging_from_handler() {
+extern "C" void on_interrupt(int signal_number) {
     if (staging_active) {
         for (int i = 1; i < 5; ++i) {
             ::unlink(staged_paths[i]);
         }
         ::rmdir(staged_paths[0]);
     }
-}
-
-extern "C" void on_interrupt(int signal_number) {
-    remove_staging_from_handler();
     ::signal(signal_number, SIG_DFL);
     ::raise(signal_number);
 }
 
-class Staging {
-public:
-    explicit Staging(const std::string& output) {
-        std::string pattern = output + ".quorvex-new-XXXXXX";
-        std::vector<char> buffer(pattern.begin(), pattern.end());
-        buffer.push_back('\0');
-        if (::mkdtemp(buffer.data()) == nullptr) {
-            throw ToolError(EXIT_DATA, output + ": cannot create a directory beside it: " + std::strerror(errno));
-        }
-        this->path = buffer.data();
-        if (this->path.size() + 16 >= sizeof staged_paths[0]) {
-            ::rmdir(this->path.c_str());
-            throw ToolError(EXIT_DATA, output + ": path too long");
-        }
-        std::snprintf(staged_paths[0], sizeof staged_paths[0], "%s", this->path.c_str());
-        for (int i = 0; i < 4; ++i) {
-            std::snprintf(staged_paths[i + 1], sizeof staged_paths[0], "%s/%s", this->path.c_str(), BLOB_NAMES[i]);
-        }
-        // Held while this build lives: a staging directory nobody holds is
-        // a killed build's, which a later build may remove.
-        this->lock = ::open(this->path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (this->lock >= 0) {
-            ::flock(this->lock, LOCK_EX);
-        }
-        staging_active = 1;
-        struct sigaction action {};
-        action.sa_handler = on_interrupt;
-        sigemptyset(&action.sa_mask);
-        for (int signal_number : {SIGINT, SIGTERM, SIGHUP}) {
-            ::sigaction(signal_number, &action, nullptr);
-        }
-    }
-
-    ~Staging() {
-        if (!this->committed) {
-            remove_directory(this->path);
-        }
-        if (this->lock >= 0) {
-            ::close(this->lock);
-        }
+// Told by the library when the staging directory appears and goes.
+void on_staging(const char* staging, void*) {
+    if (staging == nullptr || std::strlen(staging) + 16 >= sizeof staged_paths[0]) {
         staging_active = 0;
         for (int signal_number : {SIGINT, SIGTERM, SIGHUP}) {
             ::signal(signal_number, SIG_DFL);
         }
+        return;
     }
-
-    std::string file(int i) const { return this->path + "/" + BLOB_NAMES[i]; }
-
-    // Removes an index directory: its four files, then the directory.
-    static void remove_directory(const std::string& directory) {
-        for (const char* name : BLOB_NAMES) {
-            ::unlink((directory + "/" + name).c_str());
-        }
-        ::rmdir(directory.c_str());
+    std::snprintf(staged_paths[0], sizeof staged_paths[0], "%s", staging);
+    for (int i = 0; i < 4; ++i) {
+        std::snprintf(staged_paths[i + 1], sizeof staged_paths[0], "%s/%s", staging, BLOB_NAMES[i]);
     }
-
-    // Removes the staging directories beside `output` that builds killed
-    // before they could (SIGKILL, a power cut) left behind: those of this
-    // tool's naming that no living build holds.
-    static void remove_stale(const std::string& output) {
-        size_t slash = output.find_last_of('/');
-        std::string parent = slash == std::string::npos ? "." : slash == 0 ? "/" : output.substr(0, slash);
-        std::string prefix = output.substr(slash == std::string::npos ? 0 : slash + 1) + ".quorvex-new-";
-        DIR* directory = ::opendir(parent.c_str());
-        if (directory == nullptr) {
-            return;
-        }
-        while (dirent* entry = ::readdir(directory)) {
-            std::string name = entry->d_name;
-            if (name.size() != prefix.size() + 6 || name.compare(0, prefix.size(), prefix) != 0) {
-                continue;
-            }
-            std::string stale = parent + "/" + name;
-            int lock = ::open(stale.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
-            if (lock >= 0 && ::flock(lock, LOCK_EX | LOCK_NB) == 0) {
-                remove_directory(stale);
-            }
-            if (lock >= 0) {
-                ::close(lock);
-            }
-        }
-        ::closedir(directory);
-    }
-
-    std::string path;
-    bool committed = false;
-    int lock = -1;
-};
-
-// Creates the directories above `output` that do not exist yet.
-void make_parents(const std::string& output) {
-    for (size_t slash = output.find('/', 1); slash != std::string::npos; slash = output.find('/', slash + 1)) {
-        std::string parent = output.substr(0, slash);
-        if (::mkdir(parent.c_str(), 0777) != 0 && errno != EEXIST) {
-            throw ToolError(EXIT_DATA, parent + ": cannot create the directory: " + std::strerror(errno));
-        }
-    }
-}
-
-void sync_path(const std::string& path, int flags) {
-    int descriptor = ::open(path.c_str(), flags);
-    if (descriptor < 0 || ::fsync(descriptor) != 0) {
-        int error = errno;
-        if (descriptor >= 0) {
-            ::close(descriptor);
-        }
-        throw ToolError(EXIT_DATA, path + ": cannot flush to disk: " + std::strerror(error));
-    }
-    ::close(descriptor);
-}
-
-// Writes one blob and flushes it to disk, every failure named with the
-// system's reason (a full disk is "No space left on device", whether the
-// write, the flush or the close finds it).
-void write_blob(const std::string& path, const std::vector<Rc<ByteArray>>& chunks) {
-    int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    auto fail = [&](const char* what) {
-        int error = errno;
-        if (descriptor >= 0) {
-            ::close(descriptor);
-        }
-        throw ToolError(EXIT_DATA, path + ": cannot " + what + ": " + std::strerror(error));
-    };
-    if (descriptor < 0) {
-        fail("create");
-    }
-    for (const Rc<ByteArray>& chunk : chunks) {
-        for (uint32_t done = 0; done < chunk->length;) {
-            ssize_t written = ::write(descriptor, chunk->data + done, chunk->length - done);
-            if (written < 0 && errno == EINTR) {
-                continue;
-            }
-            if (written <= 0) {
-                if (written == 0) {
-                    errno = ENOSPC;
-                }
-                fail("write");
-            }
-            done += static_cast<uint32_t>(written);
-        }
-    }
-    if (::fsync(descriptor) != 0) {
-        fail("flush to disk");
-    }
-    int closed = ::close(descriptor);
-    descriptor = -1;
-    if (closed != 0) {
-        fail("close");
-    }
-}
-
-std::string parent_of(const std::string& path) {
-    size_t slash = path.find_last_of('/');
-    if (slash == std::string::npos) {
-        return ".";
-    }
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-// An existing output may be replaced only if it is an index directory (or
-// an empty one): a --force never deletes anything else.
-void check_replaceable(const std::string& output) {
-    DIR* directory = ::opendir(output.c_str());
-    if (directory == nullptr) {
-        throw ToolError(EXIT_DATA, output + ": exists and is not a directory; refusing to replace it");
-    }
-    std::set<std::string> allowed(std::begin(BLOB_NAMES), std::end(BLOB_NAMES));
-    std::string stranger;
-    while (dirent* entry = ::readdir(directory)) {
-        std::string name = entry->d_name;
-        if (name != "." && name != ".." && allowed.count(name) == 0) {
-            stranger = name;
-            break;
-        }
-    }
-    ::closedir(directory);
-    if (!stranger.empty()) {
-        throw ToolError(EXIT_DATA, output + ": holds " + stranger +
-                                       ", so it is not a Quorvex index directory; refusing to replace it");
+    staging_active = 1;
+    struct sigaction action {};
+    action.sa_handler = on_interrupt;
+    sigemptyset(&action.sa_mask);
+    for (int signal_number : {SIGINT, SIGTERM, SIGHUP}) {
+        ::sigaction(signal_number, &action, nullptr);
     }
 }
 
@@ -304,18 +137,14 @@ int run_build(const BuildOptions& given) {
         throw ToolError(EXIT_USAGE, error.what());
     }
     // Where the index goes is settled before the input is read.
-    make_parents(options.output);
-    Staging::remove_stale(options.output);
     struct stat output_status;
     bool output_exists = ::lstat(options.output.c_str(), &output_status) == 0;
-    if (output_exists && S_ISLNK(output_status.st_mode)) {
-        throw ToolError(EXIT_DATA, options.output + ": is a symbolic link; give the directory itself");
-    }
-    if (output_exists && !options.force) {
+    if (output_exists && !S_ISLNK(output_status.st_mode) && !options.force) {
         throw ToolError(EXIT_DATA, options.output + ": already exists; use --force to replace it");
     }
-    if (output_exists) {
-        check_replaceable(options.output);
+    std::string problem;
+    if (!Lexarium::Writer::prepare_index_directory(options.output, options.force, &problem)) {
+        throw ToolError(EXIT_DATA, problem);
     }
 
     Progress progress(!options.quiet && is_terminal(STDERR_FILENO));
@@ -351,39 +180,19 @@ int run_build(const BuildOptions& given) {
     }
 
     Lexarium::Writer::IndexWriter writer;
-    std::string problem = builder.fill(writer);
+    problem = builder.fill(writer);
     if (!problem.empty()) {
         progress.finish();
         throw ToolError(EXIT_DATA, "nothing written: " + problem);
     }
 
     progress.phase("building and writing the index");
-    Staging staging(options.output);
-    Rc<Lexarium::Writer::_IndexData> blobs = writer.to_bytes();
-    const std::vector<Rc<ByteArray>>* chunks[4] = {&blobs->table_chunks, &blobs->index_chunks, &blobs->key_chunks,
-                                                   &blobs->data_chunks};
-    for (int i = 0; i < 4; ++i) {
-        write_blob(staging.file(i), *chunks[i]);
+    Lexarium::Writer::DirectoryOptions placing;
+    placing.replace = options.force;
+    placing.staging_hook = on_staging;
+    if (!Lexarium::Writer::write_index_directory(*writer.to_bytes(), options.output, placing, &problem)) {
+        throw ToolError(EXIT_DATA, problem);
     }
-    mode_t mask = ::umask(0);
-    ::umask(mask);
-    ::chmod(staging.path.c_str(), 0777 & ~mask);
-    sync_path(staging.path, O_RDONLY | O_DIRECTORY);
-
-    // The one rename that makes the new index visible: a plain rename when
-    // there is nothing to replace, an exchange of the two directories when
-    // there is (then the old one, now under the staging name, goes).
-    if (!output_exists) {
-        if (::rename(staging.path.c_str(), options.output.c_str()) != 0) {
-            throw ToolError(EXIT_DATA, options.output + ": " + std::strerror(errno));
-        }
-        staging.committed = true;
-    } else if (::renameat2(AT_FDCWD, staging.path.c_str(), AT_FDCWD, options.output.c_str(), RENAME_EXCHANGE) == 0) {
-        // The staging path now holds the old index; ~Staging removes it.
-    } else {
-        throw ToolError(EXIT_DATA, options.output + ": cannot swap the new index in: " + std::strerror(errno));
-    }
-    sync_path(parent_of(options.output), O_RDONLY | O_DIRECTORY);
     progress.finish();
 
     if (!invalid_items.empty()) {
