@@ -41,10 +41,6 @@ std::string IndexBuilder::add(std::string key, std::string value) {
     if (key.empty()) {
         return "the key is empty";
     }
-    if (value.size() > Format::MAX_VALUE_BYTES) {
-        return "the value has " + std::to_string(value.size()) + " bytes; at most " +
-               std::to_string(Format::MAX_VALUE_BYTES) + " can be stored";
-    }
     std::vector<uint32> characters;
     if (!Utf8::decode_well_formed(reinterpret_cast<const uint8*>(key.data()), key.size(), characters)) {
         return "the key is not valid UTF-8";
@@ -63,15 +59,54 @@ std::string IndexBuilder::add(std::string key, std::string value) {
         if (!problem.empty()) {
             return problem;
         }
-        // The entry keeps the original key beside the value.
-        size_t kept_key = item.key == item.folded ? 0 : item.key.size();
-        size_t room = Format::MAX_VALUE_BYTES - Records::Pair::HEADER_SIZE - kept_key;
-        if (item.value.size() > room) {
-            return "the value has " + std::to_string(item.value.size()) + " bytes; beside its key a folded index " +
-                   "holds at most " + std::to_string(room);
+    }
+    if (this->settings.merge_duplicates) {
+        auto earlier = this->first_of_key.find(item.key);
+        if (earlier != this->first_of_key.end()) {
+            return this->merge(this->items[earlier->second], item.value);
         }
     }
+    problem = this->value_problem(item, item.value.size(), "the value has ");
+    if (!problem.empty()) {
+        return problem;
+    }
+    if (this->settings.merge_duplicates) {
+        this->first_of_key.emplace(item.key, this->items.size());
+    }
     this->items.push_back(std::move(item));
+    return std::string();
+}
+
+// Why a value of `size` bytes cannot go beside `item`'s key, or "".
+std::string IndexBuilder::value_problem(const Item& item, size_t size, const char* what) const {
+    size_t room = Format::MAX_VALUE_BYTES;
+    if (this->settings.folded) {
+        // The entry keeps the original key beside the value.
+        size_t kept_key = item.key == item.folded ? 0 : item.key.size();
+        room = Format::MAX_VALUE_BYTES - Records::Pair::HEADER_SIZE - kept_key;
+    }
+    if (size <= room) {
+        return std::string();
+    }
+    return what + std::to_string(size) + " bytes; at most " + std::to_string(room) + " can be stored" +
+           (room < Format::MAX_VALUE_BYTES ? " beside its key in a folded index" : "");
+}
+
+// Joins `value` to the earlier item's value with one blank line between
+// them, as dictionary articles of one headword are joined.
+std::string IndexBuilder::merge(Item& earlier, const std::string& value) {
+    std::string joined = earlier.value;
+    if (!joined.empty() && joined.back() != '\n') {
+        joined += '\n';
+    }
+    joined += '\n';
+    joined += value;
+    std::string problem = this->value_problem(earlier, joined.size(), "merged with the earlier value of its key, it has ");
+    if (!problem.empty()) {
+        return problem;
+    }
+    earlier.value = std::move(joined);
+    ++this->merged;
     return std::string();
 }
 

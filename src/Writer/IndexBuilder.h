@@ -2,6 +2,7 @@
 #define QUORVEX_WRITER_INDEX_BUILDER_H
 
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "IndexDescription.h"
@@ -19,6 +20,12 @@ struct IndexSettings {
     // Free fields ("name", "description", "source", "tool", ...); the
     // builder adds "folding" and "items".
     IndexDescription description;
+    // Merge the values of items that have the same key (byte for byte):
+    // the later value joins the earlier one's with one blank line between
+    // them, as dictionary articles of one headword are joined. Without it,
+    // a later item replaces an earlier one in an exact index, and both stay
+    // side by side in an entry of a folded index.
+    bool merge_duplicates = false;
 };
 
 // IndexBuilder: checks items as they come and puts them into an IndexWriter
@@ -40,12 +47,14 @@ public:
     // can grow a key: "㌀" becomes four kana), a value of more than 65534 bytes
     // (in a folded index, 65531 less the key's bytes when folding changed
     // the key, as the entry keeps the key beside the value).
-    // In an exact index a later item replaces an earlier one with the same
-    // key, as in IndexWriter.
+    // A later item with the key of an earlier one is merged into it (see
+    // IndexSettings::merge_duplicates), refused when the joined value would
+    // not fit.
     std::string add(std::string key, std::string value);
 
-    // The items kept so far.
+    // The items kept so far, and how many more were merged into them.
     size_t item_count() const { return this->items.size(); }
+    size_t merged_count() const { return this->merged; }
 
     // Puts the entries and the description into `writer`, which must hold
     // nothing yet. Returns "" or, when the items that share a folded key
@@ -60,10 +69,14 @@ private:
         std::string value;
     };
 
+    std::string value_problem(const Item& item, size_t size, const char* what) const;
+    std::string merge(Item& earlier, const std::string& value);
     std::string add_entry(IndexWriter& writer, const std::string& key, const std::vector<size_t>& group);
 
     IndexSettings settings;
     std::vector<Item> items;
+    std::unordered_map<std::string, size_t> first_of_key;  // with merge_duplicates only
+    size_t merged = 0;
 };
 
 }  // namespace Lexarium::Writer

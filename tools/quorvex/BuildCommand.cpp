@@ -88,6 +88,7 @@ off_t file_size(const std::string& path) {
 Lexarium::Writer::IndexSettings settings_of(const BuildOptions& options, const SourceFacts& facts) {
     Lexarium::Writer::IndexSettings settings;
     settings.folded = !options.exact;
+    settings.merge_duplicates = options.duplicates == "merge";
     std::string name = options.name.empty() ? facts.name : options.name;
     std::string description = options.description.empty() ? facts.description : options.description;
     size_t slash = options.input.find_last_of('/');
@@ -205,7 +206,7 @@ int run_build(const BuildOptions& given) {
     std::printf("  items     %s\n", with_thousands(builder.item_count()).c_str());
     std::printf("  keys      %s\n", options.exact ? "exact" : "folded");
     std::printf("  skipped   %s\n", with_thousands(invalid_items.size()).c_str());
-    std::printf("  merged    %s\n", with_thousands(settled.merged).c_str());
+    std::printf("  merged    %s\n", with_thousands(settled.merged + builder.merged_count()).c_str());
     for (const char* name : BLOB_NAMES) {
         off_t size = file_size(options.output + "/" + name);
         std::printf("  %-9s %s (%s bytes)\n", name, human_bytes(size).c_str(), with_thousands(size).c_str());

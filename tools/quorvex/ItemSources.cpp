@@ -272,18 +272,12 @@ void read_dictd(const std::string& path, std::vector<SourceItem>& items, std::ve
     });
 }
 
-// Joins `next` to `merged` with one blank line between them.
-void append_article(std::string& merged, const std::string& next) {
-    if (!merged.empty() && merged.back() != '\n') {
-        merged += '\n';
-    }
-    merged += '\n';
-    merged += next;
-}
-
 // One item per key, by the duplicates policy; problems for what cannot be.
 void settle_duplicates(std::vector<SourceItem>&& items, const std::string& policy, PreparedItems& settled) {
-    std::vector<Problem>& invalid = settled.invalid;
+    if (policy == "merge") {
+        settled.items = std::move(items);  // the index builder merges them
+        return;
+    }
     std::vector<Problem>& fatal = settled.fatal;
     std::map<std::string, size_t> first_of_key;
     for (SourceItem& item : items) {
@@ -297,18 +291,8 @@ void settle_duplicates(std::vector<SourceItem>&& items, const std::string& polic
         if (policy == "error") {
             fatal.push_back({item.location, "duplicate key \"" + printable(item.key) + "\" (first at line " +
                                                 std::to_string(earlier.location.line) + ")"});
-        } else if (policy == "last") {
-            earlier.value = std::move(item.value);
-            ++settled.merged;
         } else {
-            std::string merged = earlier.value;
-            append_article(merged, item.value);
-            if (merged.size() > MAX_VALUE_BYTES) {
-                invalid.push_back({item.location, "merging this value for \"" + printable(item.key) + "\" makes " +
-                                                      std::to_string(merged.size()) + " bytes; at most 65534 fit"});
-                continue;
-            }
-            earlier.value = std::move(merged);
+            earlier.value = std::move(item.value);
             ++settled.merged;
         }
     }

@@ -63,9 +63,8 @@ void read_items(const std::string& path, InputFormat format, std::vector<SourceI
 std::string check_item(const SourceItem& item);
 
 // The items of an input made ready for a writer: checked one by one, then
-// one item per key by the duplicates `policy` ("merge" joins values in input
-// order with one blank line between them, "last" keeps the last, "error"
-// refuses). `invalid` holds the items that cannot go into an index (with the
+// one item per key by the duplicates `policy` ("last" keeps the last,
+// "error" refuses; "merge" leaves them to IndexSettings::merge_duplicates). `invalid` holds the items that cannot go into an index (with the
 // problems read_items found), sorted by line; `fatal` the duplicates that
 // "error" refuses.
 struct PreparedItems {
