@@ -4,6 +4,7 @@
 #   make demo                    build an index of a real dictionary and search it
 #   make                         optimised build in build/
 #   make test                    the whole suite, normal and sanitized builds
+#   make python                  the Python module, in build/python
 #   make bench                   the benchmarks, optimised, in build/
 #   make install PREFIX=/opt/q   install the library, headers and packages
 
@@ -12,6 +13,8 @@ SANITIZE_DIR ?= build-sanitize
 THREAD_DIR   ?= build-tsan
 PREFIX       ?= /usr/local
 JOBS         ?= $(shell nproc 2>/dev/null || echo 2)
+# Debian's interpreter, which Debian's pybind11 and pytest belong to.
+PYTHON       ?= /usr/bin/python3
 CMAKE_ARGS   ?=
 
 BUILD_PACKAGES := cmake make g++ gcc binutils libgtest-dev pkg-config \
@@ -20,22 +23,25 @@ BENCH_PACKAGES := libbenchmark-dev
 # The real dictionaries some tests search, and the Unicode data the folding
 # tables are checked against; without them those tests are skipped.
 TEST_PACKAGES  := dict-freedict-deu-eng dict-gcide unicode-data
+# The Python module, its tests and `pip install .`.
+PYTHON_PACKAGES := pybind11-dev python3-dev python3-pytest python3-pip python3-setuptools python3-venv
 
 ENSURE := scripts/ensure-packages
 
-.PHONY: all build configure test test-sanitize test-thread bench demo install clean
+.PHONY: all build configure test test-sanitize test-thread bench demo install clean python
 
 all: build
 
 configure:
 	@$(ENSURE) $(BUILD_PACKAGES)
-	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=Release -DQUORVEX_WERROR=ON $(CMAKE_ARGS)
+	cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=Release -DQUORVEX_WERROR=ON -DPYTHON_EXECUTABLE=$(PYTHON) $(CMAKE_ARGS)
 
 build: configure
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
-test: build
-	@$(ENSURE) $(TEST_PACKAGES) || echo "$(TEST_PACKAGES) could not be installed; the tests that need it will be skipped"
+test:
+	@$(ENSURE) $(TEST_PACKAGES) $(PYTHON_PACKAGES) || echo "some of $(TEST_PACKAGES) $(PYTHON_PACKAGES) could not be installed; the tests that need them will be skipped"
+	$(MAKE) --no-print-directory build
 	ctest --test-dir $(BUILD_DIR) --output-on-failure -j $(JOBS)
 	$(MAKE) --no-print-directory test-sanitize
 	$(MAKE) --no-print-directory test-thread
@@ -52,12 +58,20 @@ test-thread:
 test-sanitize:
 	@$(ENSURE) $(BUILD_PACKAGES)
 	@$(ENSURE) $(TEST_PACKAGES) || echo "$(TEST_PACKAGES) could not be installed; the tests that need it will be skipped"
-	cmake -S . -B $(SANITIZE_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUORVEX_SANITIZE=ON -DQUORVEX_WERROR=ON $(CMAKE_ARGS)
+	cmake -S . -B $(SANITIZE_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUORVEX_SANITIZE=ON -DQUORVEX_WERROR=ON \
+	  -DPYTHON_EXECUTABLE=$(PYTHON) $(CMAKE_ARGS)
 	cmake --build $(SANITIZE_DIR) -j $(JOBS)
 	ctest --test-dir $(SANITIZE_DIR) --output-on-failure -j $(JOBS)
 
 demo: build
 	scripts/demo.sh $(BUILD_DIR)
+
+# The Python module in $(BUILD_DIR)/python: PYTHONPATH=$(BUILD_DIR)/python
+# imports it from there. To install it, see README.md, "Python".
+python:
+	@$(ENSURE) $(BUILD_PACKAGES) $(PYTHON_PACKAGES)
+	$(MAKE) --no-print-directory build
+	@echo "built: PYTHONPATH=$(BUILD_DIR)/python $(PYTHON) -c 'import quorvex'"
 
 # BENCH_ARGS passes options to the benchmark programs, for example
 # BENCH_ARGS=--benchmark_filter=Empty
@@ -74,7 +88,7 @@ install: build
 	cmake --install $(BUILD_DIR) --prefix $(PREFIX)
 
 clean:
-	rm -rf $(BUILD_DIR) $(SANITIZE_DIR) $(THREAD_DIR) build-fuzz
+	rm -rf $(BUILD_DIR) $(SANITIZE_DIR) $(THREAD_DIR) build-fuzz build-pip python/quorvex.egg-info
 
 # libFuzzer runs of the targets in fuzz/ (see fuzz/README.md), built with
 # clang in build-fuzz/: each target runs FUZZ_SECONDS on its corpus in
