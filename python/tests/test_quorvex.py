@@ -275,3 +275,11 @@ def test_fold_agrees_with_the_c_interface():
         expected = ctypes.string_at(folded).decode()
         lib.quorvex_free(folded)
         assert quorvex.fold(text) == expected, repr(text)
+
+
+def test_readme_example_runs(tmp_path, monkeypatch, capsys):
+    readme = (Path(__file__).resolve().parents[2] / "README.md").read_text()
+    example = readme.split("```python\n", 1)[1].split("```", 1)[0]
+    monkeypatch.chdir(tmp_path)
+    exec(compile(example, "README.md", "exec"), {})
+    assert capsys.readouterr().out.splitlines()[:3] == ["Haus 0 house", "Rathaus 3 town hall", "['Straße']"]
