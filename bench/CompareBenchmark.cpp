@@ -61,11 +61,9 @@ struct Options {
     std::vector<std::string> dictionaries;
     std::string markdown_path;
     std::string plot_path;
-    // Passes over all keywords: Quorvex's are cheap; the others take up to
-    // a few minutes per pass on a large dictionary, and one pass keeps the
-    // whole comparison within about a quarter of an hour.
-    int quorvex_passes = 5;
-    int passes = 1;
+    // Timed passes over all keywords, the same for every contender, after
+    // one untimed pass that warms each up and checks its answers.
+    int passes = 3;
     size_t keywords = PRESENT_KEYWORDS;
     // Names of the contenders to run besides Quorvex, which always runs
     // (it is the reference); empty: all of them.
@@ -78,11 +76,11 @@ struct Options {
 
 void usage() {
     std::fprintf(stderr,
-                 "usage: quorvex_bench_compare [--markdown FILE] [--plot-data FILE] [--quorvex-passes N] [--passes N]\n"
+                 "usage: quorvex_bench_compare [--markdown FILE] [--plot-data FILE] [--passes N]\n"
                  "                             [--keywords N] [--contenders NAME,...] [--slowest N] [--folded]\n"
                  "                             [DICTD_INDEX...]\n"
                  "Without DICTD_INDEX: the FreeDict German-English and Japanese-English dictionaries and GCIDE\n"
-                 "from /usr/share/dictd. --passes counts the passes of every contender but Quorvex.\n"
+                 "from /usr/share/dictd. --passes: timed passes of every contender (default 3), after an untimed one.\n"
                  "--contenders runs Quorvex and the named ones only (scan, suffix-array, sqlite-fts5-trigram,\n"
                  "sqlite-like); --slowest lists Quorvex's N slowest keywords per limit on standard error.\n"
                  "--folded: Quorvex's folded index (find) beside its exact one (search, find), a scan over\n"
@@ -114,8 +112,6 @@ Options parse_options(int argc, char** argv) {
             options.markdown_path = value();
         } else if (argument == "--plot-data") {
             options.plot_path = value();
-        } else if (argument == "--quorvex-passes") {
-            options.quorvex_passes = static_cast<int>(count());
         } else if (argument == "--passes") {
             options.passes = static_cast<int>(count());
         } else if (argument == "--keywords") {
@@ -480,7 +476,7 @@ DictionaryReport run_dictionary(const std::string& path, const Options& options)
         ContenderFigures figures;
         figures.name = contender->name();
         figures.checked = contender->checked();
-        figures.passes = is_quorvex(*contender) ? options.quorvex_passes : options.passes;
+        figures.passes = options.passes;
         std::vector<double> build_seconds;
         std::string rounds;
         for (int round = 0; round < BUILD_ROUNDS; ++round) {
@@ -574,26 +570,39 @@ DictionaryReport run_dictionary(const std::string& path, const Options& options)
     }
     progress("references taken");
 
+    // One untimed pass per contender and limit first: it warms the
+    // contender up and checks its answers, outside any timed loop.
+    for (size_t l = 0; l < LIMIT_COUNT; ++l) {
+        for (size_t c = 0; c < contenders.size(); ++c) {
+            ContenderFigures& figures = report.contenders[c];
+            LimitFigures& limit = figures.limits[l];
+            limit.samples.assign(keywords.size(), {});
+            limit.results.assign(keywords.size(), 0);
+            Contender& contender = *contenders[c];
+            for (size_t k = 0; k < keywords.size(); ++k) {
+                if (!contender.supports(keywords[k])) {
+                    continue;
+                }
+                limit.results[k] = contender.search(keywords[k].text, LIMITS[l]);
+                if (c != 0 && figures.checked != Contender::Checked::Not) {
+                    check_answer(contender, l, contender.answer_keys(), references[k], keywords[k].text, dictionary,
+                                 limit.agreement);
+                }
+                contender.release();
+            }
+        }
+    }
+    progress("answers checked");
+
     // The timed searches. Each pass runs every contender over all keywords,
     // limit by limit, one contender after the other, so each sees its own
     // data in the caches as an application using only it would; passes
     // spread every contender over the run's time. Each call is timed on its
-    // own; the first pass also checks the answers.
-    int most_passes = 0;
-    for (ContenderFigures& figures : report.contenders) {
-        most_passes = std::max(most_passes, figures.passes);
-        for (LimitFigures& limit : figures.limits) {
-            limit.samples.assign(keywords.size(), {});
-            limit.results.assign(keywords.size(), 0);
-        }
-    }
-    for (int pass = 0; pass < most_passes; ++pass) {
+    // own.
+    for (int pass = 0; pass < options.passes; ++pass) {
         for (size_t l = 0; l < LIMIT_COUNT; ++l) {
             for (size_t c = 0; c < contenders.size(); ++c) {
                 ContenderFigures& figures = report.contenders[c];
-                if (pass >= figures.passes) {
-                    continue;
-                }
                 Contender& contender = *contenders[c];
                 LimitFigures& limit = figures.limits[l];
                 Clock::time_point pass_start = Clock::now();
@@ -602,16 +611,9 @@ DictionaryReport run_dictionary(const std::string& path, const Options& options)
                         continue;
                     }
                     Clock::time_point call_start = Clock::now();
-                    size_t results = contender.search(keywords[k].text, LIMITS[l]);
+                    contender.search(keywords[k].text, LIMITS[l]);
                     Clock::time_point call_stop = Clock::now();
                     limit.samples[k].push_back(std::chrono::duration<double, std::micro>(call_stop - call_start).count());
-                    if (pass == 0) {
-                        limit.results[k] = results;
-                        if (c != 0 && figures.checked != Contender::Checked::Not) {
-                            check_answer(contender, l, contender.answer_keys(), references[k], keywords[k].text,
-                                         dictionary, limit.agreement);
-                        }
-                    }
                     contender.release();
                 }
                 progress("pass " + std::to_string(pass + 1) + " " + figures.name + " limit " +
@@ -880,8 +882,8 @@ void print_console(const DictionaryReport& report) {
 
 void write_markdown(const std::vector<DictionaryReport>& reports, const Options& options, const std::string& path) {
     std::ofstream out(path);
-    out << "Passes over the keywords: Quorvex " << options.quorvex_passes << ", every other contender "
-        << options.passes << ". Latencies in microseconds. " << contender_versions() << ".\n";
+    out << "Timed passes over the keywords: " << options.passes << " for every contender, after one untimed pass "
+        << "that warms it up and checks its answers. Latencies in microseconds. " << contender_versions() << ".\n";
     for (const DictionaryReport& report : reports) {
         out << "\n### " << report.name << "\n\n" << describe(report) << ". Load average " << report.load_before
             << " before, " << report.load_after << " after (" << format("%.0f", report.seconds) << " s).\n\n";
