@@ -49,7 +49,7 @@ test:
 # Concurrent searches on one reader, built with ThreadSanitizer.
 test-thread:
 	@$(ENSURE) $(BUILD_PACKAGES)
-	cmake -S . -B $(THREAD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUORVEX_SANITIZE_THREAD=ON \
+	cmake -S . -B $(THREAD_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUORVEX_SANITIZE_THREAD=ON -DQUORVEX_BUILD_PYTHON=OFF \
 	  -DQUORVEX_BUILD_TOOLS=OFF -DQUORVEX_WERROR=ON $(CMAKE_ARGS)
 	cmake --build $(THREAD_DIR) -j $(JOBS) --target ConcurrentSearchTest
 	ctest --test-dir $(THREAD_DIR) --output-on-failure -R ConcurrentSearch
@@ -102,7 +102,7 @@ FUZZ_TARGETS := verify_then_search build_and_compare mapped_open_search
 fuzz:
 	@$(ENSURE) $(FUZZ_PACKAGES)
 	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-	  -DQUORVEX_FUZZ=ON -DQUORVEX_BUILD_TOOLS=OFF -DQUORVEX_BUILD_TESTS=OFF $(CMAKE_ARGS)
+	  -DQUORVEX_FUZZ=ON -DQUORVEX_BUILD_TOOLS=OFF -DQUORVEX_BUILD_TESTS=OFF -DQUORVEX_BUILD_PYTHON=OFF $(CMAKE_ARGS)
 	cmake --build build-fuzz -j $(JOBS) --target $(FUZZ_TARGETS:%=fuzz_%)
 	@set -e; for target in $(FUZZ_TARGETS); do \
 	  mkdir -p fuzz/crashers/$$target; \

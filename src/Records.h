@@ -1,6 +1,9 @@
 #ifndef QUORVEX_RECORDS_H
 #define QUORVEX_RECORDS_H
 
+#include <cstring>
+#include <string>
+
 #include "Format.h"
 #include "LittleEndian.h"
 #include "TypeDefinitions.h"
@@ -143,6 +146,57 @@ struct Pair {
         out.push_back(static_cast<uint8>(second_length & 0xFF));
         out.push_back(static_cast<uint8>(second_length >> 8));
         out.insert(out.end(), second, second + second_length);
+    }
+};
+
+// The header of suffix.bin: "QVXS", a version byte, three zero bytes, the
+// number of entries and the length of the key.bin they were made from.
+struct SuffixHeader {
+    static constexpr char MAGIC[4] = {'Q', 'V', 'X', 'S'};
+    uint8 version;
+    uint32 entries;
+    uint32 key_blob_length;
+
+    static bool decode_from(const uint8* blob, uint64_t length, SuffixHeader& header) {
+        if (length < Format::SUFFIX_HEADER_SIZE || std::memcmp(blob, MAGIC, 4) != 0) {
+            return false;
+        }
+        header = SuffixHeader{blob[4], LittleEndian::load_u32(blob + 8), LittleEndian::load_u32(blob + 12)};
+        return blob[5] == 0 && blob[6] == 0 && blob[7] == 0;
+    }
+
+    void encode_to(std::string& out) const {
+        out.append(MAGIC, 4);
+        out.push_back(static_cast<char>(this->version));
+        out.append(3, '\0');
+        append_u32(out, this->entries);
+        append_u32(out, this->key_blob_length);
+    }
+
+    static void append_u32(std::string& out, uint32 value) {
+        for (int shift = 0; shift < 32; shift += 8) {
+            out.push_back(static_cast<char>((value >> shift) & 0xFF));
+        }
+    }
+};
+
+// An entry of suffix.bin: one character of one stored key, the suffix of the
+// key's text that begins there. The key record's offset in key.bin, the
+// byte of the key's text the character begins at, and its character
+// position (the cell it is listed in).
+struct Suffix {
+    uint32 key;
+    uint8 byte;
+    uint8 position;
+
+    static Suffix decode(const uint8* entry) {
+        return Suffix{LittleEndian::load_u32(entry), entry[4], entry[5]};
+    }
+
+    void encode_to(std::string& out) const {
+        SuffixHeader::append_u32(out, this->key);
+        out.push_back(static_cast<char>(this->byte));
+        out.push_back(static_cast<char>(this->position));
     }
 };
 

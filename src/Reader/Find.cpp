@@ -6,6 +6,7 @@
 
 #include "Fold.h"
 #include "Reader/IndexReader.h"
+#include "Reader/MappedIndex.h"
 #include "Reader/SearchParts.h"
 #include "Utf8.h"
 
@@ -84,9 +85,71 @@ bool IndexReader::searched_form(const string& keyword, string& text, string* err
 // the position of each: position by position as search() goes, each
 // position told which entries earlier ones found so that it passes them
 // over.
+// Every occurrence of the keyword, as (character position << 32 | key
+// record offset), ascending: the order of the posting-list walk. False when
+// there is no suffix array, the keyword is not one a key could hold, it
+// occurs more than `most` times, or an entry read was damaged (counted).
+bool IndexReader::suffix_occurrences(const Keyword& keyword, uint32 most, std::vector<uint64_t>& occurrences) const {
+    std::vector<uint32> characters;
+    const uint8* text = reinterpret_cast<const uint8*>(keyword.text.data());
+    if (this->suffixes.empty() || keyword.text.empty() ||
+        !Utf8::decode_indexable(text, keyword.text.size(), characters)) {
+        return false;
+    }
+    uint32 first, last;
+    if (!this->suffixes.range(this->key_bytes->data, this->key_bytes->length, keyword.text, first, last)) {
+        this->passed_over[SUFFIX].fetch_add(1, std::memory_order_relaxed);
+        return false;
+    }
+    if (last - first > most) {
+        return false;
+    }
+    occurrences.clear();
+    occurrences.reserve(last - first);
+    for (uint32 i = first; i < last; ++i) {
+        Records::Suffix suffix = this->suffixes.at(i);
+        occurrences.push_back(uint64_t{suffix.position} << 32 | suffix.key);
+    }
+    std::sort(occurrences.begin(), occurrences.end());
+    return true;
+}
+
+// find_entries() from the suffix array: each key at its first position, the
+// first `limit` of them by position, then key order.
+bool IndexReader::find_by_suffixes(const Keyword& keyword, uint16 limit, std::vector<uint32>& seen,
+                                   std::vector<Found>& found) const {
+    std::vector<uint64_t> occurrences;
+    if (!this->suffix_occurrences(keyword, suffix_plan_limit(limit), occurrences)) {
+        return false;
+    }
+    std::vector<uint64_t> by_key;  // key << 8 | position
+    by_key.reserve(occurrences.size());
+    for (uint64_t occurrence : occurrences) {
+        by_key.push_back(uint64_t{static_cast<uint32>(occurrence)} << 8 | occurrence >> 32);
+    }
+    std::sort(by_key.begin(), by_key.end());
+    occurrences.clear();
+    for (size_t i = 0; i < by_key.size(); ++i) {
+        if (i == 0 || by_key[i] >> 8 != by_key[i - 1] >> 8) {
+            occurrences.push_back((by_key[i] & 0xFF) << 32 | by_key[i] >> 8);
+        }
+    }
+    std::sort(occurrences.begin(), occurrences.end());
+    for (size_t i = 0; i < occurrences.size() && found.size() < limit; ++i) {
+        uint32 entry = static_cast<uint32>(occurrences[i]);
+        found.push_back(Found{entry, static_cast<uint8>(occurrences[i] >> 32), 0});
+        seen.push_back(entry);
+    }
+    std::sort(seen.begin(), seen.end());
+    return true;
+}
+
 void IndexReader::find_entries(const string& text, uint16 limit, std::vector<uint32>& seen,
                                std::vector<Found>& found) const {
     Keyword prepared = this->prepare(text);
+    if (this->find_by_suffixes(prepared, limit, seen, found)) {
+        return;
+    }
     prepared.found = &seen;
     int32_t last = this->last_position(prepared);
     bool intersect = prepared.characters.size() >= 2;
@@ -250,6 +313,11 @@ bool IndexReader::find(const string& keyword, const SearchOptions& options, std:
         hits.clear();
         return this->fail("out of memory", error);
     }
+}
+
+const std::string& IndexReader::suffix_array_problem() const {
+    static const std::string none;
+    return this->mapping != nullptr ? this->mapping->suffix_problem : none;
 }
 
 bool IndexReader::fail(const char* why, string* error) const {

@@ -67,6 +67,20 @@ Rc<std::vector<Rc<SearchResult>>> IndexReader::search(const string& keyword, uin
     if (!intersect) {
         results->reserve(this->most_results(prepared, last, limit));
     }
+    std::vector<uint64_t> occurrences;
+    if (this->suffix_occurrences(prepared, suffix_plan_limit(limit), occurrences)) {
+        // One result per occurrence, by position, then key order; limit 0
+        // still gives the first key that begins with the keyword.
+        size_t wanted = limit != 0 ? limit : !occurrences.empty() && (occurrences[0] >> 32) == 0 ? 1 : 0;
+        for (size_t i = 0; i < occurrences.size() && results->size() < wanted; ++i) {
+            Records::Key key;
+            uint32 entry = static_cast<uint32>(occurrences[i]);
+            if (this->entry_of(entry, key, nullptr)) {
+                this->append_result(Match{entry, key.data_pointer, key.length}, results.get());
+            }
+        }
+        return results;
+    }
     Scratch scratch;  // left uninitialized: each position fills what it uses
     scratch.steps_left = ENTRY_BY_ENTRY_STEPS;
     scratch.chunk_size = 0;  // chosen by the first position that intersects a stretch at a time
@@ -149,6 +163,7 @@ Rc<IndexReader> IndexReader::from_directory_mapped(const string& directory, stri
                 (*blobs[i])->is_borrowed = true;
             }
             reader->rows = std::shared_ptr<const RowDirectory>(mapped, &mapped->rows);
+            reader->suffixes = mapped->suffixes;
             reader->mapping = std::move(mapped);
             reader->skips_damage = true;
             reader->read_description();
@@ -192,6 +207,7 @@ IndexReader::Damage IndexReader::damage_passed_over() const {
     damage.index = this->passed_over[INDEX].load(std::memory_order_relaxed);
     damage.key = this->passed_over[KEY].load(std::memory_order_relaxed);
     damage.data = this->passed_over[DATA].load(std::memory_order_relaxed);
+    damage.suffix = this->passed_over[SUFFIX].load(std::memory_order_relaxed);
     return damage;
 }
 

@@ -13,6 +13,7 @@
 #include "IndexTable.h"
 #include "Records.h"
 #include "Reader/SearchResult.h"
+#include "SuffixArray.h"
 #include "Reader/Utf8Characters.h"
 #include "TypeDefinitions.h"
 
@@ -153,6 +154,9 @@ public:
     // process instead.
     struct Damage {
         uint64_t table = 0, index = 0, key = 0, data = 0;
+        // Searches that found an entry of suffix.bin pointing outside
+        // key.bin, and went on without the suffix array.
+        uint64_t suffix = 0;
     };
     Damage damage_passed_over() const;
 
@@ -161,6 +165,14 @@ public:
     const IndexDescription& description() const { return this->described; }
     // The folding version of the index's keys (Fold.h), 0 for exact keys.
     uint32 folding() const { return this->folding_version; }
+
+    // Whether searches may use a suffix array (suffix.bin, which a mapped
+    // reader maps when it belongs to the index's key.bin), and why a
+    // suffix.bin that is there is not used ("" when there is none or it is
+    // used). With or without it, answers are the same; with it, keywords
+    // that occur in few keys are found without walking the posting lists.
+    bool has_suffix_array() const { return !this->suffixes.empty(); }
+    const std::string& suffix_array_problem() const;
 
     // The items whose keys contain `keyword` (or match it as a pattern, or
     // with typos: see SearchOptions), each once, at most `options.limit` of
@@ -247,8 +259,9 @@ private:
     // the process.
     std::shared_ptr<const MappedIndex> mapping;
     bool skips_damage = false;
-    enum Blob { TABLE, INDEX, KEY, DATA };
-    mutable std::atomic<uint64_t> passed_over[4] = {};
+    enum Blob { TABLE, INDEX, KEY, DATA, SUFFIX };
+    mutable std::atomic<uint64_t> passed_over[5] = {};
+    SuffixArray suffixes;  // empty without a usable suffix.bin
     IndexDescription described;
     uint32 folding_version = 0;
 
@@ -261,6 +274,9 @@ private:
     bool searched_form(const std::string& keyword, std::string& text, std::string* error) const;
     struct Found;
     struct Cell;
+    bool suffix_occurrences(const Keyword& keyword, uint32 most, std::vector<uint64_t>& occurrences) const;
+    bool find_by_suffixes(const Keyword& keyword, uint16 limit, std::vector<uint32>& seen,
+                          std::vector<Found>& found) const;
     void find_entries(const std::string& text, uint16 limit, std::vector<uint32>& seen,
                       std::vector<Found>& found) const;
     void expand_entry(std::string_view key, std::string_view value, uint8 position, uint8 edits,

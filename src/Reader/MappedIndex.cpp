@@ -61,7 +61,8 @@ struct FileIdentity {
     }
 };
 
-using IndexIdentity = std::tuple<FileIdentity, FileIdentity, FileIdentity, FileIdentity>;
+// The four files, then suffix.bin (all zero when there is none).
+using IndexIdentity = std::tuple<FileIdentity, FileIdentity, FileIdentity, FileIdentity, FileIdentity>;
 
 std::mutex shared_mutex;
 std::map<IndexIdentity, std::weak_ptr<const MappedIndex>>* shared_indexes = nullptr;
@@ -139,8 +140,18 @@ std::shared_ptr<const MappedIndex> open_unguarded(const std::string& directory, 
             return nullptr;
         }
     }
+    // suffix.bin may be missing; one that cannot be used is noted, not an
+    // error: searches then go without it.
+    Descriptor suffix_descriptor;
+    struct stat suffix_status {};
+    std::string suffix_problem;
+    bool has_suffix = open_file(directory + Format::SUFFIX_FILE_NAME, "suffix.bin", suffix_descriptor,
+                                suffix_status, suffix_problem);
+    if (!has_suffix && errno == ENOENT) {
+        suffix_problem.clear();
+    }
     IndexIdentity identity{identity_of(statuses[0]), identity_of(statuses[1]), identity_of(statuses[2]),
-                           identity_of(statuses[3])};
+                           identity_of(statuses[3]), has_suffix ? identity_of(suffix_status) : FileIdentity{}};
     std::lock_guard<std::mutex> lock(shared_mutex);
     if (shared_indexes == nullptr) {
         shared_indexes = new std::map<IndexIdentity, std::weak_ptr<const MappedIndex>>();
@@ -169,6 +180,12 @@ std::shared_ptr<const MappedIndex> open_unguarded(const std::string& directory, 
                 " bytes; expected at least the 4-byte sentinel";
         return nullptr;
     }
+    if (has_suffix && map_file(suffix_descriptor.fd, suffix_status, "suffix.bin", mapped->suffix, suffix_problem)) {
+        uint64_t characters = (mapped->index.length - Format::INDEX_SENTINEL_SIZE) / 4;
+        mapped->suffixes =
+            SuffixArray::open(mapped->suffix.data, mapped->suffix.length, mapped->key.length, characters, &suffix_problem);
+    }
+    mapped->suffix_problem = suffix_problem;
     // Forget the readers that are gone, then remember this one.
     for (auto entry = shared_indexes->begin(); entry != shared_indexes->end();) {
         entry = entry->second.expired() ? shared_indexes->erase(entry) : std::next(entry);
@@ -180,7 +197,7 @@ std::shared_ptr<const MappedIndex> open_unguarded(const std::string& directory, 
 }  // namespace
 
 MappedIndex::~MappedIndex() {
-    for (File* file : {&this->table, &this->index, &this->key, &this->data}) {
+    for (File* file : {&this->table, &this->index, &this->key, &this->data, &this->suffix}) {
         if (file->mapped_length != 0) {
             ::munmap(file->data, file->mapped_length);
         }

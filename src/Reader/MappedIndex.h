@@ -9,6 +9,7 @@
 
 #include "Format.h"
 #include "Records.h"
+#include "SuffixArray.h"
 #include "TypeDefinitions.h"
 
 namespace Lexarium::Reader {
@@ -41,6 +42,11 @@ struct MappedIndex {
     };
     File table{}, index{}, key{}, data{};
     RowDirectory rows;
+    // The optional suffix.bin, its view when it belongs to these files, and
+    // why it is not used when it is there but does not ("" otherwise).
+    File suffix{};
+    SuffixArray suffixes;
+    std::string suffix_problem;
 
     MappedIndex() = default;
     MappedIndex(const MappedIndex&) = delete;

@@ -16,7 +16,8 @@ namespace Lexarium::Writer {
 
 namespace {
 
-const char* const BLOB_NAMES[] = {"table.bin", "index.bin", "key.bin", "data.bin"};
+// The four files, then the optional suffix.bin.
+const char* const BLOB_NAMES[] = {"table.bin", "index.bin", "key.bin", "data.bin", "suffix.bin"};
 
 // A failure on the way; caught at the two entry points and turned into their
 // message.
@@ -235,10 +236,12 @@ private:
 void write_directory(const _IndexData& blobs, const std::string& directory, const DirectoryOptions& options) {
     bool exists = prepare(directory, options.replace);
     Staging staging(directory, options);
-    const std::vector<Rc<ByteArray>>* chunks[4] = {&blobs.table_chunks, &blobs.index_chunks, &blobs.key_chunks,
-                                                   &blobs.data_chunks};
-    for (int i = 0; i < 4; ++i) {
-        write_blob(staging.file(i), *chunks[i]);
+    const std::vector<Rc<ByteArray>>* chunks[5] = {&blobs.table_chunks, &blobs.index_chunks, &blobs.key_chunks,
+                                                   &blobs.data_chunks, &blobs.suffix_chunks};
+    for (int i = 0; i < 5; ++i) {
+        if (i < 4 || !blobs.suffix_chunks.empty()) {
+            write_blob(staging.file(i), *chunks[i]);
+        }
     }
     // mkdtemp makes the directory private; an index is as readable as the
     // files a plain mkdir would give.

@@ -7,8 +7,8 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "Format.h"
 #include "LittleEndian.h"
+#include "SuffixArray.h"
 #include "Utf8.h"
 #include "Writer/BlobBuffer.h"
 #include "Writer/WritableIndexRow.h"
@@ -114,6 +114,19 @@ void _IndexData::seal_pending() {
     if (this->pending_keys->size() != 0) {
         this->key_chunks.push_back(this->pending_keys->take());
     }
+}
+
+void _IndexData::add_suffix_array() {
+    const uint8* keys = nullptr;
+    uint32 length = 0;
+    if (!this->key_chunks.empty()) {
+        keys = this->key_chunks.front()->data;
+        length = this->key_chunks.front()->length;
+    }
+    std::string blob = SuffixArray::build(keys, length);
+    Rc<ByteArray> chunk(new ByteArray(static_cast<uint32>(blob.size())));
+    std::memcpy(chunk->data, blob.data(), blob.size());
+    this->suffix_chunks.assign(1, chunk);
 }
 
 IndexWriter::IndexWriter() : table(new IndexTable()) {

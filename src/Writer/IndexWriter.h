@@ -32,6 +32,9 @@ struct QUORVEX_API _IndexData {
     std::vector<Rc<ByteArray>> index_chunks;
     std::vector<Rc<ByteArray>> key_chunks;
     std::vector<Rc<ByteArray>> data_chunks;
+    // The optional suffix.bin (see SuffixArray.h): none until
+    // add_suffix_array() makes it from the key blob.
+    std::vector<Rc<ByteArray>> suffix_chunks;
 
     _IndexData();
     ~_IndexData();
@@ -41,6 +44,10 @@ struct QUORVEX_API _IndexData {
     // Moves the pending key records into `key_chunks`, as one chunk (none
     // for an empty blob).
     void seal_pending();
+
+    // Builds suffix.bin from the key blob into `suffix_chunks`, as one
+    // chunk. Call after the build.
+    void add_suffix_array();
 
     std::unique_ptr<_BlobBuffer> pending_keys;
 };

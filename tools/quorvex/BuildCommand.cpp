@@ -24,18 +24,18 @@ namespace quorvex_tool {
 
 namespace {
 
-const char* const BLOB_NAMES[] = {"table.bin", "index.bin", "key.bin", "data.bin"};
+const char* const BLOB_NAMES[] = {"table.bin", "index.bin", "key.bin", "data.bin", "suffix.bin"};
 
 // ---- The staging directory of the write, removed by the signal handler if
 // the build is interrupted. The handler only unlinks precomputed paths,
 // which is safe to do from a handler.
 
-char staged_paths[5][4096];
+char staged_paths[6][4096];
 volatile sig_atomic_t staging_active = 0;
 
 extern "C" void on_interrupt(int signal_number) {
     if (staging_active) {
-        for (int i = 1; i < 5; ++i) {
+        for (int i = 1; i < 6; ++i) {
             ::unlink(staged_paths[i]);
         }
         ::rmdir(staged_paths[0]);
@@ -54,7 +54,7 @@ void on_staging(const char* staging, void*) {
         return;
     }
     std::snprintf(staged_paths[0], sizeof staged_paths[0], "%s", staging);
-    for (int i = 0; i < 4; ++i) {
+    for (int i = 0; i < 5; ++i) {
         std::snprintf(staged_paths[i + 1], sizeof staged_paths[0], "%s/%s", staging, BLOB_NAMES[i]);
     }
     staging_active = 1;
@@ -191,7 +191,11 @@ int run_build(const BuildOptions& given) {
     Lexarium::Writer::DirectoryOptions placing;
     placing.replace = options.force;
     placing.staging_hook = on_staging;
-    if (!Lexarium::Writer::write_index_directory(*writer.to_bytes(), options.output, placing, &problem)) {
+    Rc<Lexarium::Writer::_IndexData> blobs = writer.to_bytes();
+    if (!options.no_suffix_array) {
+        blobs->add_suffix_array();
+    }
+    if (!Lexarium::Writer::write_index_directory(*blobs, options.output, placing, &problem)) {
         throw ToolError(EXIT_DATA, problem);
     }
     progress.finish();
@@ -208,6 +212,9 @@ int run_build(const BuildOptions& given) {
     std::printf("  skipped   %s\n", with_thousands(invalid_items.size()).c_str());
     std::printf("  merged    %s\n", with_thousands(settled.merged + builder.merged_count()).c_str());
     for (const char* name : BLOB_NAMES) {
+        if (name == BLOB_NAMES[4] && options.no_suffix_array) {
+            continue;
+        }
         off_t size = file_size(options.output + "/" + name);
         std::printf("  %-9s %s (%s bytes)\n", name, human_bytes(size).c_str(), with_thousands(size).c_str());
     }

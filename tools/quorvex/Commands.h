@@ -16,6 +16,7 @@ struct BuildOptions {
     bool force = false;
     bool quiet = false;
     bool exact = false;        // keys as they are rather than folded
+    bool no_suffix_array = false;  // leave suffix.bin out
     std::string name;          // "" = from the input (dictd: 00-database-short)
     std::string description;   // "" = from the input (dictd: 00-database-info)
 };

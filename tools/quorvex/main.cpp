@@ -49,6 +49,8 @@ int main(int argc, char** argv) {
     build_command->add_flag("-q,--quiet", build.quiet, "No progress display");
     build_command->add_flag("--exact", build.exact,
                             "Store keys as they are; by default they are folded (case, accents, width, kana)");
+    build_command->add_flag("--no-suffix-array", build.no_suffix_array,
+                            "Leave out suffix.bin, which speeds up searches for rare and absent keywords");
     build_command->add_option("--name", build.name, "The index's name (dictd default: 00-database-short)");
     build_command->add_option("--description", build.description,
                               "What the index holds (dictd default: 00-database-info)");
