@@ -23,6 +23,37 @@ namespace Lexarium::Bench::Compare {
 
 namespace {
 
+// Writes the index of `writer` into `directory` with its suffix array, as
+// the tool builds it (without the tool's flushing to disk).
+void write_index(Writer::IndexWriter& writer, const std::string& directory) {
+    Rc<Writer::_IndexData> blobs = writer.to_bytes();
+    blobs->add_suffix_array();
+    const std::pair<const char*, const std::vector<Rc<ByteArray>>*> files[] = {
+        {Format::TABLE_FILE_NAME, &blobs->table_chunks}, {Format::INDEX_FILE_NAME, &blobs->index_chunks},
+        {Format::KEY_FILE_NAME, &blobs->key_chunks},     {Format::DATA_FILE_NAME, &blobs->data_chunks},
+        {Format::SUFFIX_FILE_NAME, &blobs->suffix_chunks}};
+    for (const auto& [name, chunks] : files) {
+        FILE* file = std::fopen((directory + name).c_str(), "wb");
+        bool written = file != nullptr;
+        for (const Rc<ByteArray>& chunk : *chunks) {
+            written = written && std::fwrite(chunk->data, 1, chunk->length, file) == chunk->length;
+        }
+        if (file == nullptr || std::fclose(file) != 0 || !written) {
+            throw std::runtime_error(directory + name + ": cannot write");
+        }
+    }
+}
+
+// A mapped reader, as applications and the tool open indexes.
+Rc<Reader::IndexReader> open_mapped(const std::string& directory) {
+    std::string error;
+    Rc<Reader::IndexReader> reader = Reader::IndexReader::from_directory_mapped(directory, &error);
+    if (reader.is_null()) {
+        throw std::runtime_error(error);
+    }
+    return reader;
+}
+
 // ---- Files ------------------------------------------------------------------
 
 std::string read_whole_file(const std::string& path) {
@@ -192,12 +223,10 @@ public:
             bytes->is_borrowed = true;
             writer.add_word(dictionary.keys[k], bytes);
         }
-        writer.write_into_directory_with_default_file_name(directory);
+        write_index(writer, directory);
     }
 
-    void load(const std::string& directory) override {
-        this->reader = Reader::IndexReader::from_directory(directory);
-    }
+    void load(const std::string& directory) override { this->reader = open_mapped(directory); }
 
     void unload() override {
         this->release();
@@ -466,12 +495,10 @@ public:
         if (!problem.empty()) {
             throw std::runtime_error("IndexBuilder: " + problem);
         }
-        writer.write_into_directory_with_default_file_name(directory);
+        write_index(writer, directory);
     }
 
-    void load(const std::string& directory) override {
-        this->reader = Reader::IndexReader::from_directory(directory);
-    }
+    void load(const std::string& directory) override { this->reader = open_mapped(directory); }
 
     void unload() override {
         this->release();

@@ -5,11 +5,13 @@
 #include <numeric>
 #include <random>
 #include <set>
+#include <unordered_map>
 #include <stdexcept>
 #include <utility>
 
 #include "Format.h"
 #include "ItemSources.h"
+#include "Writer/IndexBuilder.h"
 
 namespace Lexarium::Bench::Compare {
 
@@ -108,13 +110,27 @@ Dictionary load_dictd(const std::string& index_path) {
         throw std::logic_error("the merge policy refused an item");
     }
 
+    // The values of one key merged as the tool merges them; a key whose
+    // merged value would not fit is refused, as the tool refuses it.
     std::vector<std::string> keys;
     std::vector<std::string> values;
-    keys.reserve(prepared.items.size());
-    values.reserve(prepared.items.size());
+    std::unordered_map<std::string, size_t> first_of_key;
+    size_t merged = 0;
     for (quorvex_tool::SourceItem& item : prepared.items) {
-        keys.push_back(std::move(item.key));
-        values.push_back(std::move(item.value));
+        auto [at, fresh] = first_of_key.emplace(item.key, keys.size());
+        if (fresh) {
+            keys.push_back(std::move(item.key));
+            values.push_back(std::move(item.value));
+            continue;
+        }
+        std::string joined = values[at->second];
+        Writer::append_article(joined, item.value);
+        if (joined.size() <= Format::MAX_VALUE_BYTES) {
+            values[at->second] = std::move(joined);
+            ++merged;
+        } else {
+            prepared.invalid.push_back({item.location, "merged value too large"});
+        }
     }
     std::vector<quorvex_tool::SourceItem>().swap(prepared.items);
 
@@ -124,7 +140,7 @@ Dictionary load_dictd(const std::string& index_path) {
     }
     Dictionary dictionary = make_dictionary(name, std::move(keys), std::move(values));
     dictionary.invalid = prepared.invalid.size();
-    dictionary.merged = prepared.merged;
+    dictionary.merged = prepared.merged + merged;
     return dictionary;
 }
 

@@ -88,8 +88,7 @@ std::string SuffixArray::build(const uint8* keys, uint32 key_length) {
     return blob;
 }
 
-SuffixArray SuffixArray::open(const uint8* blob, uint64_t length, uint32 key_length, uint64_t characters,
-                              std::string* error) {
+SuffixArray SuffixArray::open(const uint8* blob, uint64_t length, uint32 key_length, std::string* error) {
     SuffixArray view;
     Records::SuffixHeader header;
     std::string why;
@@ -98,10 +97,9 @@ SuffixArray SuffixArray::open(const uint8* blob, uint64_t length, uint32 key_len
     } else if (header.version != Format::SUFFIX_VERSION) {
         why = "version " + std::to_string(header.version) + ", this library reads version " +
               std::to_string(Format::SUFFIX_VERSION);
-    } else if (header.key_blob_length != key_length || header.entries != characters) {
-        why = "made for another key.bin (" + std::to_string(header.entries) + " characters in " +
-              std::to_string(header.key_blob_length) + " bytes; this one has " + std::to_string(characters) +
-              " in " + std::to_string(key_length) + ")";
+    } else if (header.key_blob_length != key_length) {
+        why = "made for a key.bin of " + std::to_string(header.key_blob_length) + " bytes; this one has " +
+              std::to_string(key_length);
     } else if (length != Format::SUFFIX_HEADER_SIZE + uint64_t{header.entries} * Format::SUFFIX_ENTRY_SIZE) {
         why = std::to_string(length) + " bytes; its header makes it " +
               std::to_string(Format::SUFFIX_HEADER_SIZE + uint64_t{header.entries} * Format::SUFFIX_ENTRY_SIZE);
@@ -132,29 +130,55 @@ bool SuffixArray::range(const uint8* keys, uint64_t key_length, std::string_view
         int bytes = std::memcmp(text, wanted, std::min<size_t>(length, keyword.size()));
         return bytes != 0 ? bytes : length < keyword.size() ? -1 : 0;
     };
-    auto first_where = [&](auto&& past) {
-        uint32 low = 0;
-        uint32 high = this->count;
-        while (low < high && sound) {
-            uint32 middle = low + (high - low) / 2;
-            if (past(order(middle))) {
-                low = middle + 1;
-            } else {
-                high = middle;
-            }
+    // The first entry not before the keyword's run; then the run's end,
+    // galloping from there, as runs are mostly short.
+    uint32 low = 0;
+    uint32 high = this->count;
+    while (low < high && sound) {
+        uint32 middle = low + (high - low) / 2;
+        if (order(middle) < 0) {
+            low = middle + 1;
+        } else {
+            high = middle;
         }
-        return low;
-    };
-    first = first_where([](int order) { return order < 0; });
-    last = first_where([](int order) { return order <= 0; });
-    return sound && first <= last;
+    }
+    first = last = low;
+    if (!sound || low == this->count || order(low) != 0) {
+        return sound;
+    }
+    uint32 step = 1;
+    high = low + 1;  // [last, high): last is in the run, high unknown
+    while (sound && high < this->count && order(high) == 0) {
+        low = high;
+        high = this->count - high > step ? high + step : this->count;
+        step *= 2;
+    }
+    while (sound && low + 1 < high) {
+        uint32 middle = low + (high - low) / 2;
+        if (order(middle) == 0) {
+            low = middle;
+        } else {
+            high = middle;
+        }
+    }
+    last = high;
+    return sound;
 }
 
 bool SuffixArray::check(const uint8* keys, uint32 key_length, std::string* error) const {
     std::vector<bool> starts(key_length, false);
+    uint64_t characters = 0;
     Records::Key key;
     for (uint64_t offset = 0; Records::Key::decode_from(keys, key_length, offset, key); offset += key.size()) {
         starts[offset] = true;
+        characters += static_cast<uint64_t>(std::count_if(key.text, key.text + key.length, is_first_byte));
+    }
+    if (characters != this->count) {
+        if (error != nullptr) {
+            *error = "suffix.bin: " + std::to_string(this->count) + " entries; the keys of key.bin have " +
+                     std::to_string(characters) + " characters";
+        }
+        return false;
     }
     const uint8* previous = nullptr;
     uint32 previous_length = 0;

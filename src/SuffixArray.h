@@ -24,12 +24,11 @@ public:
     // The suffix.bin of the key blob `keys` (all of key.bin).
     static std::string build(const uint8* keys, uint32 key_length);
 
-    // A view of the suffix.bin `blob`, when it belongs to the key blob of
-    // `key_length` bytes and an index blob of `characters` entries (its
-    // header says so and its size fits); otherwise an empty view and, when
-    // `error` is not null, why not. Reads the header only.
-    static SuffixArray open(const uint8* blob, uint64_t length, uint32 key_length, uint64_t characters,
-                            std::string* error);
+    // A view of the suffix.bin `blob`, when it belongs to a key blob of
+    // `key_length` bytes (its header says so and its size fits the
+    // header); otherwise an empty view and, when `error` is not null, why
+    // not. Reads the header only.
+    static SuffixArray open(const uint8* blob, uint64_t length, uint32 key_length, std::string* error);
 
     bool empty() const { return this->entries == nullptr; }
     uint32 size() const { return this->count; }
@@ -43,10 +42,10 @@ public:
     bool range(const uint8* keys, uint64_t key_length, std::string_view keyword, uint32& first, uint32& last) const;
 
     // Whether the entries are exactly the characters of the keys of `keys`
-    // in order: each at a key record's start and a character's first byte,
-    // with that character's position, and each after the one before. With
-    // the header's count (checked by open) that makes them complete. False
-    // with the first fault in `error`.
+    // in order: as many as the stored keys have characters, each at a key
+    // record's start and a character's first byte, with that character's
+    // position, and each after the one before (so none twice). False with
+    // the first fault in `error`.
     bool check(const uint8* keys, uint32 key_length, std::string* error) const;
 
 private:

@@ -181,9 +181,8 @@ std::shared_ptr<const MappedIndex> open_unguarded(const std::string& directory, 
         return nullptr;
     }
     if (has_suffix && map_file(suffix_descriptor.fd, suffix_status, "suffix.bin", mapped->suffix, suffix_problem)) {
-        uint64_t characters = (mapped->index.length - Format::INDEX_SENTINEL_SIZE) / 4;
         mapped->suffixes =
-            SuffixArray::open(mapped->suffix.data, mapped->suffix.length, mapped->key.length, characters, &suffix_problem);
+            SuffixArray::open(mapped->suffix.data, mapped->suffix.length, mapped->key.length, &suffix_problem);
     }
     mapped->suffix_problem = suffix_problem;
     // Forget the readers that are gone, then remember this one.

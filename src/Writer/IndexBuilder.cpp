@@ -35,6 +35,14 @@ Rc<ByteArray> array_of(const std::string& bytes) {
 
 }  // namespace
 
+void append_article(std::string& joined, const std::string& next) {
+    if (!joined.empty() && joined.back() != '\n') {
+        joined += '\n';
+    }
+    joined += '\n';
+    joined += next;
+}
+
 IndexBuilder::IndexBuilder(IndexSettings settings) : settings(std::move(settings)) {}
 
 std::string IndexBuilder::add(std::string key, std::string value) {
@@ -96,11 +104,7 @@ std::string IndexBuilder::value_problem(const Item& item, size_t size, const cha
 // them, as dictionary articles of one headword are joined.
 std::string IndexBuilder::merge(Item& earlier, const std::string& value) {
     std::string joined = earlier.value;
-    if (!joined.empty() && joined.back() != '\n') {
-        joined += '\n';
-    }
-    joined += '\n';
-    joined += value;
+    append_article(joined, value);
     std::string problem = this->value_problem(earlier, joined.size(), "merged with the earlier value of its key, it has ");
     if (!problem.empty()) {
         return problem;

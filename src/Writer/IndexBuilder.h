@@ -28,6 +28,10 @@ struct IndexSettings {
     bool merge_duplicates = false;
 };
 
+// Joins `next` to `joined` with one blank line between them, as the values
+// of one key are merged (IndexSettings::merge_duplicates).
+QUORVEX_API void append_article(std::string& joined, const std::string& next);
+
 // IndexBuilder: checks items as they come and puts them into an IndexWriter
 // as an index that describes itself (the value of its empty key), folded or
 // exact. Unlike the plain writer it never stops the process over an item:
