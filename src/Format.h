@@ -45,10 +45,10 @@ constexpr const char* DATA_FILE_NAME = "/data.bin";
 // The optional fifth file: a suffix array over the keys of key.bin.
 constexpr const char* SUFFIX_FILE_NAME = "/suffix.bin";
 
-// suffix.bin: a 16-byte header, then one 6-byte entry per character of the
+// suffix.bin: a 16-byte header, then one 5-byte entry per character of the
 // stored keys.
 constexpr uint32 SUFFIX_HEADER_SIZE = 16;
-constexpr uint32 SUFFIX_ENTRY_SIZE = 4 + 1 + 1;
+constexpr uint32 SUFFIX_ENTRY_SIZE = 4 + 1;
 constexpr uint8 SUFFIX_VERSION = 1;
 
 }  // namespace Lexarium::Format

@@ -1,5 +1,6 @@
 #include "Assertions.h"
 #include "IndexVerifier.h"
+#include "SuffixArray.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -339,7 +340,25 @@ IndexVerification IndexVerifier::verify_directory(const std::string& directory, 
     if (!result.is_sound()) {
         return result;
     }
-    return verify(*table, *index, *key, *data, deep, max_problems);
+    result = verify(*table, *index, *key, *data, deep, max_problems);
+    // The optional suffix.bin must be exactly the suffix array of key.bin.
+    struct stat status;
+    std::string suffix_path = directory + Format::SUFFIX_FILE_NAME;
+    if (::lstat(suffix_path.c_str(), &status) == 0) {
+        Rc<ByteArray> suffix = read_whole_file(suffix_path, result);
+        std::string why;
+        SuffixArray suffixes;
+        if (!suffix.is_null()) {
+            suffixes = SuffixArray::open(suffix->data, suffix->length, key->length, &why);
+        }
+        if (!suffix.is_null() && (suffixes.empty() || !suffixes.check(key->data, key->length, &why))) {
+            ++result.problem_count;
+            if (result.problems.size() < max_problems) {
+                result.problems.push_back(IndexProblem{"suffix.bin", 0, why.substr(why.find(": ") + 2)});
+            }
+        }
+    }
+    return result;
 }
 
 }  // namespace Lexarium

@@ -181,21 +181,16 @@ struct SuffixHeader {
 };
 
 // An entry of suffix.bin: one character of one stored key, the suffix of the
-// key's text that begins there. The key record's offset in key.bin, the
-// byte of the key's text the character begins at, and its character
-// position (the cell it is listed in).
+// key's text that begins there. The key record's offset in key.bin and the
+// character's position (the cell it is listed in).
 struct Suffix {
     uint32 key;
-    uint8 byte;
     uint8 position;
 
-    static Suffix decode(const uint8* entry) {
-        return Suffix{LittleEndian::load_u32(entry), entry[4], entry[5]};
-    }
+    static Suffix decode(const uint8* entry) { return Suffix{LittleEndian::load_u32(entry), entry[4]}; }
 
     void encode_to(std::string& out) const {
         SuffixHeader::append_u32(out, this->key);
-        out.push_back(static_cast<char>(this->byte));
         out.push_back(static_cast<char>(this->position));
     }
 };

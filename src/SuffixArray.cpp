@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "Utf8.h"
+
 namespace Lexarium {
 
 namespace {
@@ -41,15 +43,17 @@ int compare(const uint8* a, uint32 a_length, uint32 a_key, const uint8* b, uint3
 }
 
 // The text of entry `suffix` and its length, or false when it does not lie
-// inside the key blob.
+// inside the key blob. A position past the key's characters gives the empty
+// text at its end.
 bool text_of(const uint8* keys, uint64_t key_length, const Records::Suffix& suffix, const uint8*& text,
              uint32& length) {
     Records::Key key;
-    if (!Records::Key::decode_from(keys, key_length, suffix.key, key) || suffix.byte > key.length) {
+    if (!Records::Key::decode_from(keys, key_length, suffix.key, key)) {
         return false;
     }
-    text = key.text + suffix.byte;
-    length = key.length - suffix.byte;
+    uint32 byte = Utf8::char_byte_offset(key.text, key.length, suffix.position);
+    text = key.text + byte;
+    length = key.length - byte;
     return true;
 }
 
@@ -83,7 +87,7 @@ std::string SuffixArray::build(const uint8* keys, uint32 key_length) {
     blob.reserve(Format::SUFFIX_HEADER_SIZE + pending.size() * Format::SUFFIX_ENTRY_SIZE);
     Records::SuffixHeader{Format::SUFFIX_VERSION, static_cast<uint32>(pending.size()), key_length}.encode_to(blob);
     for (const Pending& entry : pending) {
-        Records::Suffix{entry.key, entry.byte, entry.position}.encode_to(blob);
+        Records::Suffix{entry.key, entry.position}.encode_to(blob);
     }
     return blob;
 }
@@ -92,7 +96,9 @@ SuffixArray SuffixArray::open(const uint8* blob, uint64_t length, uint32 key_len
     SuffixArray view;
     Records::SuffixHeader header;
     std::string why;
-    if (!Records::SuffixHeader::decode_from(blob, length, header)) {
+    if (length < Format::SUFFIX_HEADER_SIZE) {
+        why = std::to_string(length) + " bytes; shorter than the 16-byte header";
+    } else if (!Records::SuffixHeader::decode_from(blob, length, header)) {
         why = "not a suffix array (no \"QVXS\" header)";
     } else if (header.version != Format::SUFFIX_VERSION) {
         why = "version " + std::to_string(header.version) + ", this library reads version " +
@@ -190,12 +196,9 @@ bool SuffixArray::check(const uint8* keys, uint32 key_length, std::string* error
         uint32 length = 0;
         if (suffix.key >= key_length || !starts[suffix.key]) {
             fault = "points at offset " + std::to_string(suffix.key) + ", where no key record of key.bin starts";
-        } else if (!text_of(keys, key_length, suffix, text, length) || length == 0 || !is_first_byte(text[0])) {
-            fault = "points at byte " + std::to_string(suffix.byte) + " of the key at " + std::to_string(suffix.key) +
-                    ", where no character starts";
-        } else if (std::count_if(text - suffix.byte, text, is_first_byte) != suffix.position) {
-            fault = "gives position " + std::to_string(suffix.position) + " for byte " +
-                    std::to_string(suffix.byte) + " of the key at " + std::to_string(suffix.key);
+        } else if (!text_of(keys, key_length, suffix, text, length) || length == 0) {
+            fault = "gives position " + std::to_string(suffix.position) + " of the key at " +
+                    std::to_string(suffix.key) + ", which has fewer characters";
         } else if (previous != nullptr &&
                    compare(previous, previous_length, previous_key, text, length, suffix.key) >= 0) {
             fault = "is not after the entry before it";

@@ -843,6 +843,13 @@ TEST(CliInfo, FiguresMatchTheFilesAndTheKeys) {
     EXPECT_EQ(info.value("posting_entries", uint64_t{0}), characters);
     EXPECT_EQ(fs::file_size(dir / "index/index.bin"), 4 + 4 * characters);
     EXPECT_LT(info.value("cells_in_use", characters), info.value("cells", uint64_t{0}));
+    // suffix.bin: one 5-byte entry per character after a 16-byte header,
+    // built unless asked not to, and said to be used.
+    EXPECT_EQ(info["files"].value("suffix.bin", uint64_t{0}), 16 + 5 * characters);
+    EXPECT_EQ(info["suffix_array"], json({{"used", true}, {"state", "used by searches"}}));
+    build_ok(CLI_DATA + "/words.tsv", dir / "plain", {"--no-suffix-array"});
+    EXPECT_FALSE(fs::exists(dir / "plain/suffix.bin"));
+    EXPECT_TRUE(contains(run({"info", dir / "plain"}).out, "suffix.bin none"));
 }
 
 TEST(CliVerify, ReportsSoundAndDamagedSets) {
@@ -861,6 +868,15 @@ TEST(CliVerify, ReportsSoundAndDamagedSets) {
             << r.out;
         EXPECT_EQ(report.value("items", -1), item_count(index));
     }
+    // A suffix.bin that is not the suffix array of key.bin is a problem of
+    // its own; info says the searches leave it aside.
+    std::string suffix = file_contents(dir / "dictd/suffix.bin");
+    std::swap(suffix[16], suffix[21]);  // the first two entries' key offsets
+    make_file(dir / "dictd/suffix.bin", suffix);
+    ToolRun swapped = run({"verify", dir / "dictd"});
+    EXPECT_TRUE(exited(swapped, 1) && contains(swapped.err, "suffix.bin: offset 0: entry ")) << swapped.err;
+    make_file(dir / "dictd/suffix.bin", "QVXS");
+    EXPECT_TRUE(contains(run({"info", dir / "dictd"}).out, "suffix.bin 4 B (4 bytes), not used: 4 bytes; shorter than"));
     // A damaged set's report locates its first problem.
     for (const auto& set : DAMAGED_SETS) {
         SCOPED_TRACE(set.first);

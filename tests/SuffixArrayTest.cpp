@@ -122,7 +122,7 @@ TEST(SuffixArray, CheckAndOpenRefuseWhatDoesNotBelong) {
     build_twins(keys, false, twins);
     const ByteArray& key_blob = *twins.with->key_bytes;
     const std::string sound = SuffixArray::build(key_blob.data, key_blob.length);
-    const size_t entry = Lexarium::Format::SUFFIX_HEADER_SIZE + 6 * 7;  // the eighth entry
+    const size_t entry = Lexarium::Format::SUFFIX_HEADER_SIZE + 5 * 7;  // the eighth entry
     struct Fault {
         const char* what;
         std::function<void(std::string&)> plant;
@@ -130,15 +130,15 @@ TEST(SuffixArray, CheckAndOpenRefuseWhatDoesNotBelong) {
         const char* message;
     };
     const std::vector<Fault> faults = {
-        {"two entries swapped", [&](std::string& b) { std::swap_ranges(&b[entry], &b[entry + 6], &b[entry + 6]); }, true, "is not after"},
-        {"a wrong position", [&](std::string& b) { b[entry + 5] = static_cast<char>(b[entry + 5] + 1); }, true, "gives position"},
+        {"two entries swapped", [&](std::string& b) { std::swap_ranges(&b[entry], &b[entry + 5], &b[entry + 5]); }, true, "is not after"},
+        {"a wrong position", [&](std::string& b) { b[entry + 4] = static_cast<char>(b[entry + 4] == 0 ? 1 : b[entry + 4] - 1); }, true, "is not after"},
         {"inside a key record", [&](std::string& b) { b[entry] = static_cast<char>(b[entry] + 1); }, true, "no key record"},
-        {"past the key", [&](std::string& b) { b[entry + 4] = static_cast<char>(250); }, true, "no character starts"},
-        {"an entry repeated", [&](std::string& b) { b.replace(entry + 6, 6, b.substr(entry, 6)); }, true, "is not after"},
+        {"past the key", [&](std::string& b) { b[entry + 4] = static_cast<char>(250); }, true, "fewer characters"},
+        {"an entry repeated", [&](std::string& b) { b.replace(entry + 5, 5, b.substr(entry, 5)); }, true, "is not after"},
         {"the magic", [](std::string& b) { b[0] = 'X'; }, false, "no \"QVXS\" header"},
         {"the version", [](std::string& b) { b[4] = 2; }, false, "version 2"},
-        {"one entry short", [](std::string& b) { b.resize(b.size() - 6); }, false, "bytes; its header makes it"},
-        {"one entry missing", [](std::string& b) { b.resize(b.size() - 6); b[8] = static_cast<char>(b[8] - 1); }, true, "characters"},
+        {"one entry short", [](std::string& b) { b.resize(b.size() - 5); }, false, "bytes; its header makes it"},
+        {"one entry missing", [](std::string& b) { b.resize(b.size() - 5); b[8] = static_cast<char>(b[8] - 1); }, true, "characters"},
         {"another key.bin", [](std::string& b) { b[12] = static_cast<char>(b[12] + 1); }, false, "made for a key.bin of"},
     };
     for (const Fault& fault : faults) {

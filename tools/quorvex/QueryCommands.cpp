@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <sys/stat.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -322,6 +323,17 @@ int run_info(const InfoOptions& options) {
     uint64_t sizes[] = {reader->table_bytes->length, reader->index_bytes->length, reader->key_bytes->length,
                         reader->data_bytes->length};
     const char* names[] = {"table.bin", "index.bin", "key.bin", "data.bin"};
+    // suffix.bin: used, left aside (and why), or not there.
+    struct stat suffix_status;
+    bool has_suffix_file = ::stat((options.directory + "/suffix.bin").c_str(), &suffix_status) == 0;
+    uint64_t suffix_size = has_suffix_file ? static_cast<uint64_t>(suffix_status.st_size) : 0;
+    std::string why_not = reader->suffix_array_problem();
+    if (why_not.rfind("suffix.bin: ", 0) == 0) {
+        why_not.erase(0, 12);
+    }
+    std::string suffix_state = reader->has_suffix_array() ? "used by searches"
+                               : has_suffix_file           ? "not used: " + why_not
+                                                           : "none (quorvex build makes one by default)";
     if (options.json) {
         nlohmann::json out;
         out["items"] = items;
@@ -335,6 +347,10 @@ int run_info(const InfoOptions& options) {
         for (int i = 0; i < 4; ++i) {
             out["files"][names[i]] = sizes[i];
         }
+        if (has_suffix_file) {
+            out["files"]["suffix.bin"] = suffix_size;
+        }
+        out["suffix_array"] = {{"used", reader->has_suffix_array()}, {"state", suffix_state}};
         out["rows_in_use"] = rows_in_use;
         out["cells"] = cells;
         out["cells_in_use"] = cells_in_use;
@@ -367,6 +383,12 @@ int run_info(const InfoOptions& options) {
     std::printf("items      %s\n", with_thousands(items).c_str());
     for (int i = 0; i < 4; ++i) {
         std::printf("%-10s %s (%s bytes)\n", names[i], human_bytes(sizes[i]).c_str(), with_thousands(sizes[i]).c_str());
+    }
+    if (has_suffix_file) {
+        std::printf("%-10s %s (%s bytes), %s\n", "suffix.bin", human_bytes(suffix_size).c_str(),
+                    with_thousands(suffix_size).c_str(), suffix_state.c_str());
+    } else {
+        std::printf("%-10s %s\n", "suffix.bin", suffix_state.c_str());
     }
     std::printf("rows       %s in use of 65,535\n", with_thousands(rows_in_use).c_str());
     std::printf("cells      %s in use of %s\n", with_thousands(cells_in_use).c_str(), with_thousands(cells).c_str());
