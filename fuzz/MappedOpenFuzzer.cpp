@@ -16,6 +16,10 @@
 //   bit 2     open the directory with index_reader_new_mapped too, while the
 //             C++ reader lives: it must share the C++ reader's mapping, so
 //             its results must be the very same views.
+//   bit 3     suffix.bin: a built set goes without its own; a sparse set
+//             gets one with a sound header for its key.bin and entries
+//             from the input (u8 n, then n entries of 5 bytes), so that
+//             searches walk entries that point anywhere.
 //
 // Sparse layout after the flags:
 //   u8 n, then n rows: u16 code point (modulo 65535), u8 cells count c, then
@@ -102,6 +106,8 @@ struct FileSet {
     int culprit = -1;           // the file that is not a regular file, if any
     uint64_t key_cut = UINT64_MAX;   // key.bin was cut to this many bytes
     uint64_t data_cut = UINT64_MAX;  // data.bin was cut to this many bytes
+    std::vector<uint8_t> suffix;     // suffix.bin, written when has_suffix
+    bool has_suffix = false;
 };
 
 void put_u32(std::vector<uint8_t>& out, size_t at, uint32_t value) {
@@ -147,6 +153,22 @@ FileSet sparse_file_set(ByteSource& in) {
         files.bytes[blob].assign(bytes.begin(), bytes.end());
     }
     return files;
+}
+
+// A suffix.bin whose header fits the set's key.bin, with entries straight
+// from the input.
+void add_loose_suffixes(FileSet& files, ByteSource& in) {
+    size_t count = in.u8();
+    std::string header = "QVXS";
+    header += std::string("\x01\0\0\0", 4);
+    files.suffix.assign(header.begin(), header.end());
+    files.suffix.resize(16);
+    put_u32(files.suffix, 8, static_cast<uint32_t>(count));
+    put_u32(files.suffix, 12, static_cast<uint32_t>(files.bytes[KEY].size()));
+    std::string entries = in.bytes(5 * count);
+    entries.resize(5 * count, '\0');
+    files.suffix.insert(files.suffix.end(), entries.begin(), entries.end());
+    files.has_suffix = true;
 }
 
 const uint32_t ALPHABET[] = {'a', 'b', 'n', 'a', 'b', 0x01, 0x7F, 0x80, 0xE9, 0x7FF, 0x800, 0x436, 0x4E2D, 0xFFFE};
@@ -215,8 +237,11 @@ const Built& built_set(size_t number) {
     IndexWriter writer;
     add_items(writer, in, count);
     Rc<Lexarium::Writer::_IndexData> data = writer.to_bytes();
+    data->add_suffix_array();
     set.reset(new Built);
     FileSet& files = set->files;
+    files.suffix = concatenate(data->suffix_chunks);
+    files.has_suffix = true;
     files.bytes[TABLE] = concatenate(data->table_chunks);
     files.bytes[INDEX] = concatenate(data->index_chunks);
     files.bytes[KEY] = concatenate(data->key_chunks);
@@ -279,7 +304,8 @@ void damage(FileSet& files, ByteSource& in) {
         }
         case 1:
             for (int flips = 1 + in.u8() % 4; flips > 0; --flips) {
-                std::vector<uint8_t>& flipped = files.bytes[in.u8() % 4];
+                uint8_t which = in.u8() % 5;
+                std::vector<uint8_t>& flipped = which == 4 ? files.suffix : files.bytes[which];
                 uint32_t at = in.u32();
                 uint8_t mask = in.u8() | 1;
                 if (!flipped.empty()) {
@@ -417,6 +443,9 @@ public:
         if (::mkdir(path_.c_str(), 0700) != 0) {
             fail(path_ + ": " + std::strerror(errno));
         }
+        if (files.has_suffix) {
+            write_whole(path_ + "/suffix.bin", files.suffix);
+        }
         for (int blob = 0; blob < 4; ++blob) {
             std::string file = path_ + "/" + FILE_NAMES[blob];
             bool made = true;
@@ -439,6 +468,7 @@ public:
         }
     }
     ~Directory() {
+        ::unlink((path_ + "/suffix.bin").c_str());
         for (const char* name : FILE_NAMES) {
             std::string file = path_ + "/" + name;
             if (::unlink(file.c_str()) != 0 && errno == EISDIR) {
@@ -834,6 +864,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FileSet files = built != nullptr ? built->files : sparse_file_set(in);
     if (mode == 2) {
         damage(files, in);
+    }
+    if ((flags & 8) != 0 && built != nullptr) {
+        files.has_suffix = false;
+    } else if ((flags & 8) != 0) {
+        add_loose_suffixes(files, in);
     }
     // The file the open's message must name, when the open must fail.
     int culprit = -1;

@@ -66,6 +66,10 @@ TEST(SearchRealDictionary, AgreesWithTheLiteralWalkOnFreeDictGermanEnglish) {
     Rc<IndexReader> reader = IndexReader::from_directory(index);
     std::vector<std::vector<std::string>> keys = stored_keys(*reader->key_bytes);
     ASSERT_GT(keys.size(), 10000u);
+    // The tool's index has suffix.bin, which a mapped reader uses.
+    std::string error;
+    Rc<IndexReader> mapped = IndexReader::from_directory_mapped(index, &error);
+    ASSERT_TRUE(!mapped.is_null() && mapped->has_suffix_array()) << error;
 
     // Common letters, long lists, multi-byte text and keywords found nowhere.
     std::vector<std::string> keywords = {"e", "en", "sch", "ung", "ß", "über", "eseite", "ttttt", " "};
@@ -83,8 +87,10 @@ TEST(SearchRealDictionary, AgreesWithTheLiteralWalkOnFreeDictGermanEnglish) {
     for (const std::string& keyword : keywords) {
         for (uint16 limit : {0, 1, 2, 3, 20, 65535}) {
             std::vector<const uint8*> expected = literal_walk(*reader, keyword, limit);
-            ASSERT_EQ(key_pointers(*reader->search(keyword, limit)), expected)
+            Rc<std::vector<Rc<Lexarium::Reader::SearchResult>>> results = reader->search(keyword, limit);
+            ASSERT_EQ(key_pointers(*results), expected)
                 << "keyword " << testing::PrintToString(keyword) << ", limit " << limit;
+            ASSERT_EQ(result_hits(*mapped->search(keyword, limit)), result_hits(*results));
             ++compared;
             with_hits += expected.empty() ? 0 : 1;
         }

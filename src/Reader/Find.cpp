@@ -2,6 +2,7 @@
 // as a pattern or with typos, and never stops the process over what it is
 // asked. The plain search is here; patterns and typos are in Approximate.cpp.
 #include <algorithm>
+#include <cstring>
 #include <new>
 
 #include "Fold.h"
@@ -114,6 +115,22 @@ bool IndexReader::suffix_occurrences(const Keyword& keyword, uint32 most, std::v
     return true;
 }
 
+// Whether the key at `entry` holds `text` from character `position` on. An
+// occurrence the suffix array gives always does, unless suffix.bin is
+// damaged: such an entry is counted and passed over.
+bool IndexReader::holds_at(uint32 entry, uint8 position, const string& text) const {
+    Records::Key key;
+    if (!this->entry_of(entry, key, nullptr)) {
+        return false;
+    }
+    uint32 byte = Utf8::char_byte_offset(key.text, key.length, position);
+    if (key.length - byte < text.size() || std::memcmp(key.text + byte, text.data(), text.size()) != 0) {
+        this->passed_over[SUFFIX].fetch_add(1, std::memory_order_relaxed);
+        return false;
+    }
+    return true;
+}
+
 // find_entries() from the suffix array: each key at its first position, the
 // first `limit` of them by position, then key order.
 bool IndexReader::find_by_suffixes(const Keyword& keyword, uint16 limit, std::vector<uint32>& seen,
@@ -137,8 +154,10 @@ bool IndexReader::find_by_suffixes(const Keyword& keyword, uint16 limit, std::ve
     std::sort(occurrences.begin(), occurrences.end());
     for (size_t i = 0; i < occurrences.size() && found.size() < limit; ++i) {
         uint32 entry = static_cast<uint32>(occurrences[i]);
-        found.push_back(Found{entry, static_cast<uint8>(occurrences[i] >> 32), 0});
-        seen.push_back(entry);
+        if (this->holds_at(entry, static_cast<uint8>(occurrences[i] >> 32), keyword.text)) {
+            found.push_back(Found{entry, static_cast<uint8>(occurrences[i] >> 32), 0});
+            seen.push_back(entry);
+        }
     }
     std::sort(seen.begin(), seen.end());
     return true;

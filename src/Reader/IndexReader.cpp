@@ -75,7 +75,8 @@ Rc<std::vector<Rc<SearchResult>>> IndexReader::search(const string& keyword, uin
         for (size_t i = 0; i < occurrences.size() && results->size() < wanted; ++i) {
             Records::Key key;
             uint32 entry = static_cast<uint32>(occurrences[i]);
-            if (this->entry_of(entry, key, nullptr)) {
+            if (this->holds_at(entry, static_cast<uint8>(occurrences[i] >> 32), prepared.text) &&
+                this->entry_of(entry, key, nullptr)) {
                 this->append_result(Match{entry, key.data_pointer, key.length}, results.get());
             }
         }

@@ -154,8 +154,9 @@ public:
     // process instead.
     struct Damage {
         uint64_t table = 0, index = 0, key = 0, data = 0;
-        // Searches that found an entry of suffix.bin pointing outside
-        // key.bin, and went on without the suffix array.
+        // Entries of suffix.bin that point outside key.bin (the search
+        // then goes on without it) or at a key that does not hold the
+        // keyword there (passed over).
         uint64_t suffix = 0;
     };
     Damage damage_passed_over() const;
@@ -274,6 +275,7 @@ private:
     bool searched_form(const std::string& keyword, std::string& text, std::string* error) const;
     struct Found;
     struct Cell;
+    bool holds_at(uint32 entry, uint8 position, const std::string& text) const;
     bool suffix_occurrences(const Keyword& keyword, uint32 most, std::vector<uint64_t>& occurrences) const;
     bool find_by_suffixes(const Keyword& keyword, uint16 limit, std::vector<uint32>& seen,
                           std::vector<Found>& found) const;
