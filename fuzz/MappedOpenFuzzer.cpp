@@ -80,6 +80,7 @@
 #include "FuzzSupport.h"
 #include "IndexVerifier.h"
 #include "Reader/IndexReader.h"
+#include "SuffixArray.h"
 #include "Writer/IndexWriter.h"
 
 using namespace quorvex_fuzz;
@@ -793,6 +794,12 @@ void search_mapped(IndexReader& reader, IndexReaderHandle* c_reader, const FileS
                      IndexVerifier::verify(*reader.table_bytes, *reader.index_bytes, *reader.key_bytes,
                                            *reader.data_bytes, true, 1)
                          .is_sound();
+        // A suffix.bin the reader uses must pass its own check too.
+        if (deep_sound && reader.has_suffix_array()) {
+            const ByteArray& keys_blob = *reader.key_bytes;
+            deep_sound = Lexarium::SuffixArray::open(files.suffix.data(), files.suffix.size(), keys_blob.length, nullptr)
+                             .check(keys_blob.data, keys_blob.length, nullptr);
+        }
     }
     const bool emptied = files.key_cut == 0 || files.data_cut == 0;
     const uint16_t limits[] = {static_cast<uint16_t>(choice / 3 % 3), 65535};

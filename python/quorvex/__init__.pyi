@@ -70,6 +70,7 @@ def build(
     name: Optional[str] = None,
     description: Optional[str] = None,
     replace: bool = False,
+    suffix_array: bool = True,
 ) -> int:
     """Builds an index of (key, value) items in `directory` atomically; returns the number of items."""
 

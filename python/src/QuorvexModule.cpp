@@ -378,7 +378,7 @@ void add_items(const py::iterable& items, Lexarium::Writer::IndexBuilder& builde
 }
 
 size_t build(const py::iterable& items, const py::object& directory, bool folded, const py::object& name,
-             const py::object& description, bool replace) {
+             const py::object& description, bool replace, bool suffix_array) {
     std::string path = path_of(directory);
     struct stat status;
     if (!replace && ::lstat(path.c_str(), &status) == 0) {
@@ -415,7 +415,11 @@ size_t build(const py::iterable& items, const py::object& directory, bool folded
         } else {
             Lexarium::Writer::DirectoryOptions placing;
             placing.replace = replace;
-            written = Lexarium::Writer::write_index_directory(*writer.to_bytes(), path, placing, &error);
+            Rc<Lexarium::Writer::_IndexData> blobs = writer.to_bytes();
+            if (suffix_array) {
+                blobs->add_suffix_array();
+            }
+            written = Lexarium::Writer::write_index_directory(*blobs, path, placing, &error);
             if (!written) {
                 error = "\n" + error;  // tells the write's failure from the items'
             }
@@ -525,6 +529,7 @@ problem when the directory or a file is missing, unreadable or damaged.
 Never stops the process, whatever the files hold.)");
     module.def("build", &build, py::arg("items"), py::arg("directory"), py::kw_only(), py::arg("folded") = true,
                py::arg("name") = py::none(), py::arg("description") = py::none(), py::arg("replace") = false,
+               py::arg("suffix_array") = true,
                R"(Builds an index of `items` in `directory` and returns how many items it holds.
 
 `items` is any iterable of (key, value) pairs: str keys, bytes-like or str
@@ -532,7 +537,9 @@ values (str is stored as UTF-8). Values of one key are merged, in order,
 with a blank line between them. folded=True (the default) stores keys
 folded, so that searches ignore case, accents, width and kana; folded=False
 stores them exactly. `name` and `description` go into the index's
-description.
+description. suffix_array=True (the default) also writes suffix.bin, with
+which keywords found in few keys or none are answered sooner; it changes no
+answer.
 
 The index appears atomically: written beside `directory`, flushed, then
 renamed into place. An existing `directory` raises FileExistsError unless

@@ -71,7 +71,8 @@ def german_like(tmp_path):
 @pytest.mark.parametrize("seed", range(3))
 def test_round_trip_matches_reference(tmp_path, folded, seed):
     items = random_items(seed, 300)
-    written = quorvex.build(items, str(tmp_path / "index"), folded=folded)
+    written = quorvex.build(items, str(tmp_path / "index"), folded=folded, suffix_array=seed != 2)
+    assert (tmp_path / "index" / "suffix.bin").exists() == (seed != 2)
     expected = merged(items)
     assert written == len(expected)
     with quorvex.open(tmp_path / "index") as index:
