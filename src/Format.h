@@ -49,6 +49,11 @@ constexpr const char* SUFFIX_FILE_NAME = "/suffix.bin";
 // stored keys.
 constexpr uint32 SUFFIX_HEADER_SIZE = 16;
 constexpr uint32 SUFFIX_ENTRY_SIZE = 4 + 1;
+// The bucket table of a large suffix.bin: where the entries of each first
+// two bytes begin, 65536 of them and the end, 4 bytes each.
+constexpr uint32 SUFFIX_BUCKETS = 65536;
+constexpr uint32 SUFFIX_BUCKET_TABLE_SIZE = (SUFFIX_BUCKETS + 1) * 4;
+constexpr uint32 SUFFIX_BUCKETS_FROM_ENTRIES = 1u << 18;
 constexpr uint8 SUFFIX_VERSION = 1;
 
 }  // namespace Lexarium::Format

@@ -149,11 +149,13 @@ struct Pair {
     }
 };
 
-// The header of suffix.bin: "QVXS", a version byte, three zero bytes, the
-// number of entries and the length of the key.bin they were made from.
+// The header of suffix.bin: "QVXS", a version byte, whether a bucket table
+// follows (1) or not (0), two zero bytes, the number of entries and the
+// length of the key.bin they were made from.
 struct SuffixHeader {
     static constexpr char MAGIC[4] = {'Q', 'V', 'X', 'S'};
     uint8 version;
+    uint8 buckets;
     uint32 entries;
     uint32 key_blob_length;
 
@@ -161,14 +163,15 @@ struct SuffixHeader {
         if (length < Format::SUFFIX_HEADER_SIZE || std::memcmp(blob, MAGIC, 4) != 0) {
             return false;
         }
-        header = SuffixHeader{blob[4], LittleEndian::load_u32(blob + 8), LittleEndian::load_u32(blob + 12)};
-        return blob[5] == 0 && blob[6] == 0 && blob[7] == 0;
+        header = SuffixHeader{blob[4], blob[5], LittleEndian::load_u32(blob + 8), LittleEndian::load_u32(blob + 12)};
+        return header.buckets <= 1 && blob[6] == 0 && blob[7] == 0;
     }
 
     void encode_to(std::string& out) const {
         out.append(MAGIC, 4);
         out.push_back(static_cast<char>(this->version));
-        out.append(3, '\0');
+        out.push_back(static_cast<char>(this->buckets));
+        out.append(2, '\0');
         append_u32(out, this->entries);
         append_u32(out, this->key_blob_length);
     }

@@ -59,7 +59,7 @@ bool text_of(const uint8* keys, uint64_t key_length, const Records::Suffix& suff
 
 }  // namespace
 
-std::string SuffixArray::build(const uint8* keys, uint32 key_length) {
+std::string SuffixArray::build(const uint8* keys, uint32 key_length, uint32 buckets_from) {
     std::vector<Pending> pending;
     Records::Key key;
     for (uint64_t offset = 0; Records::Key::decode_from(keys, key_length, offset, key); offset += key.size()) {
@@ -84,8 +84,21 @@ std::string SuffixArray::build(const uint8* keys, uint32 key_length) {
         return compare(a_text, a.length - 8u, a.key, b_text, b.length - 8u, b.key) < 0;
     });
     std::string blob;
-    blob.reserve(Format::SUFFIX_HEADER_SIZE + pending.size() * Format::SUFFIX_ENTRY_SIZE);
-    Records::SuffixHeader{Format::SUFFIX_VERSION, static_cast<uint32>(pending.size()), key_length}.encode_to(blob);
+    bool bucketed = pending.size() >= buckets_from;
+    blob.reserve(Format::SUFFIX_HEADER_SIZE + (bucketed ? Format::SUFFIX_BUCKET_TABLE_SIZE : 0) +
+                 pending.size() * Format::SUFFIX_ENTRY_SIZE);
+    Records::SuffixHeader{Format::SUFFIX_VERSION, static_cast<uint8>(bucketed), static_cast<uint32>(pending.size()),
+                          key_length}
+        .encode_to(blob);
+    if (bucketed) {
+        size_t i = 0;
+        for (uint32 bucket = 0; bucket <= Format::SUFFIX_BUCKETS; ++bucket) {
+            while (i < pending.size() && pending[i].prefix >> 48 < bucket) {
+                ++i;
+            }
+            Records::SuffixHeader::append_u32(blob, static_cast<uint32>(i));
+        }
+    }
     for (const Pending& entry : pending) {
         Records::Suffix{entry.key, entry.position}.encode_to(blob);
     }
@@ -106,11 +119,14 @@ SuffixArray SuffixArray::open(const uint8* blob, uint64_t length, uint32 key_len
     } else if (header.key_blob_length != key_length) {
         why = "made for a key.bin of " + std::to_string(header.key_blob_length) + " bytes; this one has " +
               std::to_string(key_length);
-    } else if (length != Format::SUFFIX_HEADER_SIZE + uint64_t{header.entries} * Format::SUFFIX_ENTRY_SIZE) {
+    } else if (length != Format::SUFFIX_HEADER_SIZE + (header.buckets ? Format::SUFFIX_BUCKET_TABLE_SIZE : 0) +
+                             uint64_t{header.entries} * Format::SUFFIX_ENTRY_SIZE) {
         why = std::to_string(length) + " bytes; its header makes it " +
-              std::to_string(Format::SUFFIX_HEADER_SIZE + uint64_t{header.entries} * Format::SUFFIX_ENTRY_SIZE);
+              std::to_string(Format::SUFFIX_HEADER_SIZE + (header.buckets ? Format::SUFFIX_BUCKET_TABLE_SIZE : 0) +
+                             uint64_t{header.entries} * Format::SUFFIX_ENTRY_SIZE);
     } else {
-        view.entries = blob + Format::SUFFIX_HEADER_SIZE;
+        view.buckets = header.buckets ? blob + Format::SUFFIX_HEADER_SIZE : nullptr;
+        view.entries = blob + Format::SUFFIX_HEADER_SIZE + (header.buckets ? Format::SUFFIX_BUCKET_TABLE_SIZE : 0);
         view.count = header.entries;
         return view;
     }
@@ -136,10 +152,21 @@ bool SuffixArray::range(const uint8* keys, uint64_t key_length, std::string_view
         int bytes = std::memcmp(text, wanted, std::min<size_t>(length, keyword.size()));
         return bytes != 0 ? bytes : length < keyword.size() ? -1 : 0;
     };
-    // The first entry not before the keyword's run; then the run's end,
-    // galloping from there, as runs are mostly short.
+    // The bucket of the keyword's first two bytes holds its run; the first
+    // entry not before the run, then the run's end, galloping from there,
+    // as runs are mostly short.
     uint32 low = 0;
-    uint32 high = this->count;
+    uint32 end = this->count;
+    if (this->buckets != nullptr && !keyword.empty()) {
+        uint32 bucket = uint32{wanted[0]} << 8 | (keyword.size() > 1 ? wanted[1] : 0);
+        uint32 next = keyword.size() > 1 ? bucket + 1 : bucket + 256;
+        low = this->bucket_start(bucket);
+        end = this->bucket_start(next);
+        if (low > end) {
+            return false;  // a damaged table
+        }
+    }
+    uint32 high = end;
     while (low < high && sound) {
         uint32 middle = low + (high - low) / 2;
         if (order(middle) < 0) {
@@ -149,14 +176,14 @@ bool SuffixArray::range(const uint8* keys, uint64_t key_length, std::string_view
         }
     }
     first = last = low;
-    if (!sound || low == this->count || order(low) != 0) {
+    if (!sound || low == end || order(low) != 0) {
         return sound;
     }
     uint32 step = 1;
     high = low + 1;  // [last, high): last is in the run, high unknown
-    while (sound && high < this->count && order(high) == 0) {
+    while (sound && high < end && order(high) == 0) {
         low = high;
-        high = this->count - high > step ? high + step : this->count;
+        high = end - high > step ? high + step : end;
         step *= 2;
     }
     while (sound && low + 1 < high) {
@@ -169,6 +196,10 @@ bool SuffixArray::range(const uint8* keys, uint64_t key_length, std::string_view
     }
     last = high;
     return sound;
+}
+
+uint32 SuffixArray::bucket_start(uint32 bucket) const {
+    return std::min(LittleEndian::load_u32(this->buckets + 4 * uint64_t{bucket}), this->count);
 }
 
 bool SuffixArray::check(const uint8* keys, uint32 key_length, std::string* error) const {
@@ -189,6 +220,8 @@ bool SuffixArray::check(const uint8* keys, uint32 key_length, std::string* error
     const uint8* previous = nullptr;
     uint32 previous_length = 0;
     uint32 previous_key = 0;
+    uint32 next_bucket = 0;  // the buckets before it begin where the table says
+    bool buckets_sound = true;
     for (uint32 i = 0; i < this->count; ++i) {
         Records::Suffix suffix = this->at(i);
         std::string fault;
@@ -212,8 +245,20 @@ bool SuffixArray::check(const uint8* keys, uint32 key_length, std::string* error
         previous = text;
         previous_length = length;
         previous_key = suffix.key;
+        if (this->buckets != nullptr) {
+            uint32 bucket = uint32{text[0]} << 8 | (length > 1 ? text[1] : 0);
+            for (; next_bucket <= bucket; ++next_bucket) {
+                buckets_sound &= LittleEndian::load_u32(this->buckets + 4 * next_bucket) == i;
+            }
+        }
     }
-    return true;
+    for (; this->buckets != nullptr && next_bucket <= Format::SUFFIX_BUCKETS; ++next_bucket) {
+        buckets_sound &= LittleEndian::load_u32(this->buckets + 4 * next_bucket) == this->count;
+    }
+    if (!buckets_sound && error != nullptr) {
+        *error = "suffix.bin: the bucket table does not say where the entries of each first two bytes begin";
+    }
+    return buckets_sound;
 }
 
 }  // namespace Lexarium

@@ -18,11 +18,16 @@ namespace Lexarium {
 // search steps, so a search can count a keyword's occurrences before
 // choosing how to collect them (docs/FORMAT.md has the layout).
 //
+// Files of 2^18 entries or more carry a table of where the entries of each
+// first two bytes begin, which takes a search's first 16 steps at once.
+//
 // A view of a blob that stays owned elsewhere; copying it copies the view.
 class QUORVEX_API SuffixArray {
 public:
-    // The suffix.bin of the key blob `keys` (all of key.bin).
-    static std::string build(const uint8* keys, uint32 key_length);
+    // The suffix.bin of the key blob `keys` (all of key.bin), with a bucket
+    // table when it has `buckets_from` entries or more.
+    static std::string build(const uint8* keys, uint32 key_length,
+                             uint32 buckets_from = Format::SUFFIX_BUCKETS_FROM_ENTRIES);
 
     // A view of the suffix.bin `blob`, when it belongs to a key blob of
     // `key_length` bytes (its header says so and its size fits the
@@ -49,7 +54,13 @@ public:
     bool check(const uint8* keys, uint32 key_length, std::string* error) const;
 
 private:
+    // Where the entries of `bucket` (a text's first two bytes, the second 0
+    // for a one-byte text) begin; within the entries, as a damaged table
+    // may say anything.
+    uint32 bucket_start(uint32 bucket) const;
+
     const uint8* entries = nullptr;
+    const uint8* buckets = nullptr;  // the bucket table, in large files only
     uint32 count = 0;
 };
 

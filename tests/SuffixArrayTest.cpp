@@ -40,7 +40,8 @@ struct Twins {
     Rc<IndexReader> with, without;
 };
 
-void build_twins(const std::vector<std::string>& keys, bool folded, Twins& twins) {
+// `buckets_from` 0 gives the suffix array a bucket table however small.
+void build_twins(const std::vector<std::string>& keys, bool folded, Twins& twins, uint32 buckets_from = 1u << 18) {
     Lexarium::Writer::IndexWriter writer;
     if (folded) {
         Lexarium::Writer::IndexSettings settings;
@@ -54,7 +55,7 @@ void build_twins(const std::vector<std::string>& keys, bool folded, Twins& twins
     Rc<Lexarium::Writer::_IndexData> blobs = writer.to_bytes();
     std::string error;
     ASSERT_TRUE(Lexarium::Writer::write_index_directory(*blobs, twins.directory / "without", {}, &error)) << error;
-    blobs->add_suffix_array();
+    blobs->add_suffix_array(buckets_from);
     ASSERT_TRUE(Lexarium::Writer::write_index_directory(*blobs, twins.directory / "with", {}, &error)) << error;
     twins.with = IndexReader::from_directory_mapped(twins.directory / "with", &error);
     twins.without = IndexReader::from_directory_mapped(twins.directory / "without", &error);
@@ -98,13 +99,15 @@ void expect_same_answers(const Twins& twins, const std::vector<std::string>& key
 TEST(SuffixArray, AnswersAsThePostingListsDo) {
     for (bool folded : {false, true}) {
         for (uint32 seed : {1u, 2u}) {
+            bool bucketed = seed == 2;
             SCOPED_TRACE(std::string(folded ? "folded" : "exact") + " seed " + std::to_string(seed));
             std::vector<std::string> keys = random_keys(seed, 600);
             Twins twins;
-            build_twins(keys, folded, twins);
+            build_twins(keys, folded, twins, bucketed ? 0 : 1u << 18);
             std::string error;
             const ByteArray& key_blob = *twins.with->key_bytes;
-            std::string blob = SuffixArray::build(key_blob.data, key_blob.length);
+            std::string blob = SuffixArray::build(key_blob.data, key_blob.length, bucketed ? 0 : 1u << 18);
+            EXPECT_EQ(blob.size(), file_contents(twins.directory / "with/suffix.bin").size());
             SuffixArray view = SuffixArray::open(reinterpret_cast<const uint8*>(blob.data()), blob.size(),
                                                  key_blob.length, &error);
             ASSERT_FALSE(view.empty()) << error;
@@ -119,10 +122,11 @@ TEST(SuffixArray, AnswersAsThePostingListsDo) {
 TEST(SuffixArray, CheckAndOpenRefuseWhatDoesNotBelong) {
     std::vector<std::string> keys = random_keys(3, 200);
     Twins twins;
-    build_twins(keys, false, twins);
+    build_twins(keys, false, twins, 0);
     const ByteArray& key_blob = *twins.with->key_bytes;
-    const std::string sound = SuffixArray::build(key_blob.data, key_blob.length);
-    const size_t entry = Lexarium::Format::SUFFIX_HEADER_SIZE + 5 * 7;  // the eighth entry
+    const std::string sound = SuffixArray::build(key_blob.data, key_blob.length, 0);
+    const size_t table = Lexarium::Format::SUFFIX_HEADER_SIZE;
+    const size_t entry = table + Lexarium::Format::SUFFIX_BUCKET_TABLE_SIZE + 5 * 7;  // the eighth entry
     struct Fault {
         const char* what;
         std::function<void(std::string&)> plant;
@@ -137,6 +141,8 @@ TEST(SuffixArray, CheckAndOpenRefuseWhatDoesNotBelong) {
         {"an entry repeated", [&](std::string& b) { b.replace(entry + 5, 5, b.substr(entry, 5)); }, true, "is not after"},
         {"the magic", [](std::string& b) { b[0] = 'X'; }, false, "no \"QVXS\" header"},
         {"the version", [](std::string& b) { b[4] = 2; }, false, "version 2"},
+        {"a bucket moved", [&](std::string& b) { b[table + 4 * ('b' << 8)] += 1; }, true, "bucket table"},
+        {"no bucket table", [](std::string& b) { b[5] = 0; }, false, "bytes; its header makes it"},
         {"one entry short", [](std::string& b) { b.resize(b.size() - 5); }, false, "bytes; its header makes it"},
         {"one entry missing", [](std::string& b) { b.resize(b.size() - 5); b[8] = static_cast<char>(b[8] - 1); }, true, "characters"},
         {"another key.bin", [](std::string& b) { b[12] = static_cast<char>(b[12] + 1); }, false, "made for a key.bin of"},

@@ -116,14 +116,14 @@ void _IndexData::seal_pending() {
     }
 }
 
-void _IndexData::add_suffix_array() {
+void _IndexData::add_suffix_array(uint32 buckets_from) {
     const uint8* keys = nullptr;
     uint32 length = 0;
     if (!this->key_chunks.empty()) {
         keys = this->key_chunks.front()->data;
         length = this->key_chunks.front()->length;
     }
-    std::string blob = SuffixArray::build(keys, length);
+    std::string blob = SuffixArray::build(keys, length, buckets_from);
     Rc<ByteArray> chunk(new ByteArray(static_cast<uint32>(blob.size())));
     std::memcpy(chunk->data, blob.data(), blob.size());
     this->suffix_chunks.assign(1, chunk);

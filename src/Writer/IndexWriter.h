@@ -46,8 +46,9 @@ struct QUORVEX_API _IndexData {
     void seal_pending();
 
     // Builds suffix.bin from the key blob into `suffix_chunks`, as one
-    // chunk. Call after the build.
-    void add_suffix_array();
+    // chunk, with a bucket table from `buckets_from` entries on (see
+    // SuffixArray.h). Call after the build.
+    void add_suffix_array(uint32 buckets_from = Format::SUFFIX_BUCKETS_FROM_ENTRIES);
 
     std::unique_ptr<_BlobBuffer> pending_keys;
 };
