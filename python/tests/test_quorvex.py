@@ -256,8 +256,8 @@ def test_threads_search_one_index_in_parallel(tmp_path):
 
 
 def library():
-    path = os.environ.get("QUORVEX_LIBRARY") or str(Path(quorvex.__file__).parent / "libQuorvex.so.0")
-    lib = ctypes.CDLL(path)
+    # The module has loaded the library already: its name finds that copy.
+    lib = ctypes.CDLL(os.environ.get("QUORVEX_LIBRARY", "libQuorvex.so.0"))
     lib.quorvex_fold.restype = ctypes.c_void_p
     lib.quorvex_fold.argtypes = [ctypes.c_char_p, ctypes.POINTER(ctypes.c_void_p)]
     lib.quorvex_free.argtypes = [ctypes.c_void_p]
