@@ -13,6 +13,7 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <sys/stat.h>
@@ -280,9 +281,10 @@ public:
     // timed here in C++: the peer the binding's cost is measured against.
     std::vector<double> time_native_search(const py::str& keyword, long limit, long repeats) const {
         const IndexReader& reader = *this->open().reader;
+        py::object keep = this->owner;  // as in search()
         std::string text = utf8_of(keyword);
         Lexarium::Reader::SearchOptions options;
-        options.limit = static_cast<uint16>(limit);
+        options.limit = static_cast<uint16>(std::clamp(limit, 0L, 65535L));
         thread_local std::vector<Hit> hits;  // reused, as search() reuses its own
         std::vector<double> times;
         py::gil_scoped_release unlocked;
