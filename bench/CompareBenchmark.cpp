@@ -701,10 +701,12 @@ std::vector<bool> members(const DictionaryReport& report, const Group& group) {
 }
 
 // The group's median latency, "-" when the contender was asked none of it.
-std::string group_median(const DictionaryReport& report, const LimitFigures& limit, const Group& group) {
+// The median of the group's keyword latencies, or their 99th percentile.
+std::string group_figure(const DictionaryReport& report, const LimitFigures& limit, const Group& group,
+                         double q = 0.5) {
     std::vector<bool> chosen = members(report, group);
     std::vector<double> latencies = limit.latencies_us(&chosen);
-    return latencies.empty() ? "-" : figure(median_of(latencies));
+    return latencies.empty() ? "-" : figure(q == 0.5 ? median_of(latencies) : percentile(latencies, q));
 }
 
 // Quorvex's cost per returned result at 65535: the sum of the per-keyword
@@ -857,14 +859,16 @@ void print_console(const DictionaryReport& report) {
             std::printf("  %s: %s\n", c.name.c_str(), c.remark.c_str());
         }
     }
-    std::printf("median us by keyword kind (limit 20 | limit 65535):\n");
-    for (const ContenderFigures& c : report.contenders) {
-        std::printf("  %-20s", c.name.c_str());
-        for (size_t l = 0; l < LIMIT_COUNT; ++l) {
-            for (const Group& group : GROUPS) {
-                std::printf(" %s %8s", group.title, group_median(report, c.limits[l], group).c_str());
+    for (double q : {0.5, 0.99}) {
+        std::printf("%s us by keyword kind (limit 20 | limit 65535):\n", q == 0.5 ? "median" : "p99");
+        for (const ContenderFigures& c : report.contenders) {
+            std::printf("  %-20s", c.name.c_str());
+            for (size_t l = 0; l < LIMIT_COUNT; ++l) {
+                for (const Group& group : GROUPS) {
+                    std::printf(" %s %8s", group.title, group_figure(report, c.limits[l], group, q).c_str());
+                }
+                std::printf(l == 0 ? " |" : "\n");
             }
-            std::printf(l == 0 ? " |" : "\n");
         }
     }
     std::printf("quorvex: %.1f ns per returned result at limit 65535; %zu answer(s) cut at 65535\n",
@@ -905,18 +909,21 @@ void write_markdown(const std::vector<DictionaryReport>& reports, const Options&
             }
             out << " |\n";
         }
-        out << "\nMedian latency by keyword kind, limit 20 / limit 65535:\n\n| Contender |";
-        for (const Group& group : GROUPS) {
-            out << " " << group.title << " (" << group_size(report, group) << ") |";
-        }
-        out << "\n|---|--:|--:|--:|--:|\n";
-        for (const ContenderFigures& c : report.contenders) {
-            out << "| " << c.name << " |";
+        for (double q : {0.5, 0.99}) {
+            out << "\n" << (q == 0.5 ? "Median latency" : "99th percentile") << " by keyword kind, limit 20 / limit "
+                << "65535:\n\n| Contender |";
             for (const Group& group : GROUPS) {
-                out << " " << group_median(report, c.limits[0], group) << " / "
-                    << group_median(report, c.limits[FULL], group) << " |";
+                out << " " << group.title << " (" << group_size(report, group) << ") |";
             }
-            out << "\n";
+            out << "\n|---|--:|--:|--:|--:|\n";
+            for (const ContenderFigures& c : report.contenders) {
+                out << "| " << c.name << " |";
+                for (const Group& group : GROUPS) {
+                    out << " " << group_figure(report, c.limits[0], group, q) << " / "
+                        << group_figure(report, c.limits[FULL], group, q) << " |";
+                }
+                out << "\n";
+            }
         }
         out << "\nQuorvex: " << format("%.1f", nanoseconds_per_result(report.contenders.front()))
             << " ns per returned result at limit 65535; " << report.quorvex_cut
