@@ -5,6 +5,7 @@
 #   make                         optimised build in build/
 #   make test                    the whole suite, normal and sanitized builds
 #   make python                  the Python module, in build/python
+#   make mutate                  plant faults one at a time; which tests catch each
 #   make bench                   the benchmarks, optimised, in build/
 #   make install PREFIX=/opt/q   install the library, headers and packages
 
@@ -28,7 +29,7 @@ PYTHON_PACKAGES := pybind11-dev python3-dev python3-pytest python3-pip python3-s
 
 ENSURE := scripts/ensure-packages
 
-.PHONY: all build configure test test-sanitize test-thread bench demo install clean python
+.PHONY: all build configure test test-sanitize test-thread bench demo install clean python mutate
 
 all: build
 
@@ -83,6 +84,13 @@ bench:
 	$(BUILD_DIR)/bench/quorvex_bench_writer $(BENCH_ARGS)
 	$(BUILD_DIR)/bench/quorvex_bench_reader $(BENCH_ARGS)
 	scripts/bench-compare.sh $(BUILD_DIR)
+
+# The planted faults of scripts/mutate.py, each built and tested in
+# /tmp/quorvex-mutate; fails when a fault goes uncaught.
+mutate:
+	@$(ENSURE) $(BUILD_PACKAGES) $(PYTHON_PACKAGES)
+	@$(ENSURE) $(TEST_PACKAGES) || echo "$(TEST_PACKAGES) could not be installed; the tests that need it will be skipped"
+	$(PYTHON) scripts/mutate.py
 
 install: build
 	cmake --install $(BUILD_DIR) --prefix $(PREFIX)

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Writer/IndexDirectory.h"
 #include "WriterTestSupport.h"
 
 using Lexarium::Writer::IndexWriter;
@@ -104,4 +105,35 @@ TEST(IndexWriterFiles, FailuresAreTheSystemsText) {
     // A write too large to buffer, such as a table blob, fails in the write itself.
     EXPECT_EQ(error_text([&] { writer->write_into_file("/dev/full", "/dev/full", "/dev/full", "/dev/full"); }),
               "No space left on device");
+}
+
+// write_index_directory puts an index where nothing is, replaces only an
+// index directory and only when asked, and leaves no staging behind.
+TEST(IndexDirectory, ReplacesOnlyAnIndexAndOnlyWhenAsked) {
+    TemporaryDirectory dir;
+    IndexWriter writer;
+    writer.add_word("ab", make_bytes({'X'}));
+    Rc<Lexarium::Writer::_IndexData> blobs = writer.to_bytes();
+    Lexarium::Writer::DirectoryOptions replace;
+    replace.replace = true;
+    std::filesystem::create_directories(dir / "other");
+    make_file(dir / "other/notes.txt", "mine");
+    struct Case {
+        std::string directory;
+        const Lexarium::Writer::DirectoryOptions& options;
+        std::string error;  // "" when the write succeeds
+    };
+    const Lexarium::Writer::DirectoryOptions plain;
+    for (const Case& c : {Case{dir / "new/index", plain, ""}, Case{dir / "new/index", plain, "already exists"},
+                          Case{dir / "new/index/", replace, ""}, Case{dir / "other", replace, "holds notes.txt"}}) {
+        SCOPED_TRACE(c.directory + (c.options.replace ? " replace" : ""));
+        std::string error;
+        EXPECT_EQ(Lexarium::Writer::write_index_directory(*blobs, c.directory, c.options, &error), c.error.empty());
+        EXPECT_NE(error.find(c.error), std::string::npos) << error;
+    }
+    EXPECT_EQ(file_contents(dir / "new/index/data.bin"), std::string("\x01\x00X", 3));
+    EXPECT_EQ(file_contents(dir / "other/notes.txt"), "mine");
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(dir / "new")) names.push_back(entry.path().filename());
+    EXPECT_EQ(names, std::vector<std::string>{"index"});
 }
