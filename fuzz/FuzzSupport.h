@@ -149,6 +149,86 @@ inline void require_same_hits(const std::vector<Hit>& actual, const std::vector<
     }
 }
 
+// A character of any length form, never U+0000, read from the input.
+inline uint32_t any_character(ByteSource& in) {
+    uint8_t form = in.u8();
+    uint32_t bits = in.u16();
+    switch (form % 4) {
+        case 0:
+            return 1 + bits % 0x7F;
+        case 1:
+            return 0x80 + bits % 0x780;
+        case 2:
+            return 0x800 + bits % 0xF800;
+        default:
+            return 0x10000 + ((uint32_t{form} << 16 | bits) % 0x100000);
+    }
+}
+
+// `rounds` keywords cut from the texts of `records`, then the empty keyword;
+// all under 255 bytes. With bytes left in `query`, they choose the kind, the
+// key and the place; without, a fixed round of each kind. Without
+// `any_bytes` every keyword is well-formed UTF-8 without NUL; with it, some
+// are raw bytes, cut inside a character or taken from the input.
+inline std::vector<std::string> keywords_for(const KeyRecords& records, ByteSource& query, size_t rounds,
+                                             bool any_bytes) {
+    const bool chosen = !query.empty();
+    auto pick = [&](size_t bound, size_t fallback) { return (chosen ? query.u8() : fallback) % bound; };
+    std::vector<std::string> keywords;
+    for (size_t round = 0; round < rounds; ++round) {
+        size_t kind = pick(any_bytes ? 8 : 6, round);
+        std::string text = records.empty() ? std::string("a") : records[pick(records.size(), round)].second;
+        std::vector<uint32_t> characters = decode_leniently(text);
+        if (characters.empty()) {
+            characters.push_back('a');
+        }
+        size_t from = pick(characters.size(), 0);
+        std::string keyword;
+        switch (kind) {
+            case 0:  // a piece of 1 to 6 characters
+                keyword = encode_within(characters, from, 1 + pick(6, round));
+                break;
+            case 1:  // the first 1 to 3 characters
+                keyword = encode_within(characters, 0, 1 + pick(3, 0));
+                break;
+            case 2:  // the whole key, as far as it is characters
+                keyword = encode_within(characters, 0, 254);
+                break;
+            case 3: {  // a piece with one character made supplementary: the
+                       // same low 16 bits (a row the reader then walks) or FFFF
+                std::vector<uint32_t> twin(characters.begin() + static_cast<std::ptrdiff_t>(from), characters.end());
+                twin.resize(std::min<size_t>(twin.size(), 1 + pick(4, 1)));
+                uint32_t& changed = twin[pick(twin.size(), 0)];
+                uint32_t low = pick(4, 1) == 0 ? 0xFFFF : changed & 0xFFFF;
+                changed = static_cast<uint32_t>((1 + pick(16, 0)) << 16) | low;
+                keyword = encode_within(twin, 0, twin.size());
+                break;
+            }
+            case 4: {  // characters made of input bytes
+                std::vector<uint32_t> made(chosen ? 1 + query.u8() % 80 : 3);
+                for (uint32_t& code_point : made) {
+                    code_point = chosen ? any_character(query) : 'a' + static_cast<uint32_t>(round);
+                }
+                keyword = encode_within(made, 0, made.size());
+                break;
+            }
+            case 5:  // the longest keyword allowed, 254 bytes
+                keyword = encode_within(characters, from, 254);
+                keyword.resize(254, 'a');
+                break;
+            case 6:  // raw bytes of the key, perhaps cut inside a character
+                keyword = text.substr(pick(text.size() + 1, 1), 1 + pick(12, 3));
+                break;
+            case 7:  // bytes from the input, or a keyword that is not UTF-8
+                keyword = chosen ? query.bytes(query.u8() % 32) : std::string("a\xFF");
+                break;
+        }
+        keywords.push_back(keyword.substr(0, 254));
+    }
+    keywords.push_back("");
+    return keywords;
+}
+
 // The table section of a raw file-set input: bytes as they are, except that
 // FF lo hi stands for lo + 256 hi zero bytes, FF 00 00 for one FF byte, and
 // an FF too close to the end for itself. Tables are 65535 bytes or more and

@@ -426,87 +426,6 @@ private:
     std::string path_;
 };
 
-// ---- Keywords ----
-
-// Key records walked from the start of key.bin as far as they fit.
-std::vector<std::string> stored_keys(const std::vector<uint8_t>& key_bin) {
-    std::vector<std::string> keys;
-    for (size_t at = 0; at + 5 <= key_bin.size() && keys.size() < 64;) {
-        size_t length = key_bin[at + 4];
-        size_t end = std::min(key_bin.size(), at + 5 + length);
-        keys.emplace_back(reinterpret_cast<const char*>(key_bin.data() + at + 5), end - at - 5);
-        at = end;
-    }
-    return keys;
-}
-
-// A character of any length form, never U+0000, read from the input.
-uint32_t any_character(ByteSource& in) {
-    uint8_t form = in.u8();
-    uint32_t bits = in.u16();
-    switch (form % 4) {
-        case 0:
-            return 1 + bits % 0x7F;
-        case 1:
-            return 0x80 + bits % 0x780;
-        case 2:
-            return 0x800 + bits % 0xF800;
-        default:
-            return 0x10000 + ((uint32_t{form} << 16 | bits) % 0x100000);
-    }
-}
-
-// Keywords of fewer than 255 bytes of well-formed UTF-8 without NUL. With
-// bytes left in `in`, they choose the kind and where to cut; without, one of
-// each of the first four kinds from fixed places.
-std::vector<std::string> keywords_for(const std::vector<std::string>& keys, ByteSource& in) {
-    const bool chosen = !in.empty();
-    auto pick = [&](size_t bound, size_t fallback) { return (chosen ? in.u8() : fallback) % bound; };
-    std::vector<std::string> keywords;
-    for (size_t round = 0; round < 2; ++round) {
-        size_t kind = pick(6, round);
-        std::vector<uint32_t> characters = decode_leniently(keys.empty() ? std::string("a") : keys[pick(keys.size(), round)]);
-        if (characters.empty()) {
-            characters.push_back('a');
-        }
-        size_t from = pick(characters.size(), round);
-        std::string keyword;
-        switch (kind) {
-            case 0:  // a piece of a stored key, 1 to 6 characters
-                keyword = encode_within(characters, from, 1 + pick(6, round));
-                break;
-            case 1: {  // characters made of input bytes
-                std::vector<uint32_t> made(chosen ? 1 + in.u8() % 80 : 3);
-                for (uint32_t& code_point : made) {
-                    code_point = chosen ? any_character(in) : 'a' + static_cast<uint32_t>(round);
-                }
-                keyword = encode_within(made, 0, made.size());
-                break;
-            }
-            case 2:  // one character
-                keyword = encode_within(characters, from, 1);
-                break;
-            case 3: {  // a piece with one character made supplementary: the
-                       // same low 16 bits (a row that exists), or FFFF
-                std::vector<uint32_t> twin(characters.begin() + static_cast<std::ptrdiff_t>(from), characters.end());
-                twin.resize(std::min<size_t>(twin.size(), 1 + pick(4, 1)));
-                uint32_t& changed = twin[pick(twin.size(), 0)];
-                uint32_t low = pick(4, 1) == 0 ? 0xFFFF : changed & 0xFFFF;
-                changed = static_cast<uint32_t>((1 + pick(16, 0)) << 16) | low;
-                keyword = encode_within(twin, 0, twin.size());
-                break;
-            }
-            case 4:  // the whole key, as far as it is characters
-                keyword = encode_within(characters, 0, characters.size());
-                break;
-            case 5:
-                break;  // the empty keyword
-        }
-        keywords.push_back(keyword);
-    }
-    return keywords;
-}
-
 // ---- Searching ----
 
 // Past a mapped file's end, the rest of its last page reads as zeros rather
@@ -679,7 +598,7 @@ void search_mapped(IndexReader& reader, const FileSet& files, const Built* built
     const uint8_t choice = in.u8();
     const uint16_t limits[] = {static_cast<uint16_t>(choice / 3 % 3), 65535};
     in.u8();  // once the position of a one-position search; kept so that saved inputs read as before
-    for (const std::string& keyword : keywords_for(stored_keys(files.bytes[KEY]), in)) {
+    for (const std::string& keyword : keywords_for(key_records(files.bytes[KEY].data(), files.bytes[KEY].size()), in, 2, false)) {
         for (uint16_t limit : limits) {
             Results results = reader.search(keyword, limit);
             checked_hits(results, *reader.key_bytes, *reader.data_bytes, keyword, limit);

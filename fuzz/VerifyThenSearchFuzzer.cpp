@@ -420,60 +420,6 @@ std::vector<ReferenceKey> reference_keys(const KeyRecords& records, const ByteAr
     return keys;
 }
 
-// Keywords cut from the stored keys. With query bytes left, they choose the
-// kind, the key and the place; without, a fixed round of each kind.
-std::vector<std::string> keywords_for(const KeyRecords& records, ByteSource& query) {
-    const bool chosen = !query.empty();
-    auto pick = [&](size_t bound, size_t fallback) { return (chosen ? query.u8() : fallback) % bound; };
-    std::vector<std::string> keywords;
-    for (size_t round = 0; round < 7; ++round) {
-        size_t kind = pick(7, round);
-        std::string text = records.empty() ? std::string("a") : records[pick(records.size(), round)].second;
-        std::vector<uint32_t> characters = decode_leniently(text);
-        if (characters.empty()) {
-            characters.push_back('a');
-        }
-        size_t from = pick(characters.size(), 0);
-        std::string keyword;
-        switch (kind) {
-            case 0:  // a piece of 1 to 6 characters
-                keyword = encode_within(characters, from, 1 + pick(6, round));
-                break;
-            case 1:  // the first 1 to 3 characters
-                keyword = encode_within(characters, 0, 1 + pick(3, 0));
-                break;
-            case 2:  // the whole key, as far as it is characters
-                keyword = encode_within(characters, 0, 254);
-                break;
-            case 3:  // raw bytes of the key, perhaps cut inside a character
-                keyword = text.substr(pick(text.size() + 1, 1), 1 + pick(12, 3));
-                break;
-            case 4: {  // one character of a piece made supplementary: the
-                       // same low 16 bits (a row the reader then walks) or FFFF
-                std::vector<uint32_t> twin(characters.begin() + static_cast<std::ptrdiff_t>(from), characters.end());
-                twin.resize(std::min<size_t>(twin.size(), 1 + pick(4, 1)));
-                uint32_t& changed = twin[pick(twin.size(), 0)];
-                uint32_t low = pick(4, 1) == 0 ? 0xFFFF : changed & 0xFFFF;
-                changed = static_cast<uint32_t>((1 + pick(16, 0)) << 16) | low;
-                keyword = encode_within(twin, 0, twin.size());
-                break;
-            }
-            case 5:  // bytes from the input, or a keyword that is not UTF-8
-                keyword = chosen ? query.bytes(query.u8() % 32) : std::string("a\xFF");
-                break;
-            case 6:  // the longest keyword allowed, 254 bytes
-                keyword = encode_within(characters, from, 254);
-                while (keyword.size() < 254) {
-                    keyword += 'a';
-                }
-                break;
-        }
-        keywords.push_back(keyword.substr(0, 254));
-    }
-    keywords.push_back("");
-    return keywords;
-}
-
 void search_file_set(const Rc<ByteArray> (&blobs)[4], bool deep_sound, ByteSource& query) {
     Rc<IndexReader> reader = IndexReader::from_bytes(blobs[0], blobs[1], blobs[2], blobs[3]);
     KeyRecords records = key_records(blobs[2]->data, blobs[2]->length);
@@ -481,7 +427,7 @@ void search_file_set(const Rc<ByteArray> (&blobs)[4], bool deep_sound, ByteSourc
     if (deep_sound) {
         reference = reference_keys(records, *blobs[3]);
     }
-    std::vector<std::string> keywords = keywords_for(records, query);
+    std::vector<std::string> keywords = keywords_for(records, query, 7, true);
     const uint16_t limits[] = {0, 1, 2, 65535, query.u16()};
     for (const std::string& keyword : keywords) {
         std::vector<uint32_t> characters;
