@@ -36,16 +36,6 @@ std::string decoded(const std::string& text) {
 
 }  // namespace
 
-TEST(Utf8, EveryCodePointDecodesAsTheConverterDecodesIt) {
-    Lexarium::Utf8::Converter converter;
-    std::vector<uint32> code_points;
-    for (uint32 code_point = 0; code_point <= 0x10FFFF; ++code_point) {
-        std::string text = utf8(code_point);
-        Lexarium::Utf8::decode(text, code_points, converter);
-        ASSERT_EQ(code_points, std::vector<uint32>{code_point}) << code_point;
-    }
-}
-
 TEST(Utf8, MalformedAndTruncatedInputBehavesAsTheConverter) {
     for (std::string text :
          {std::string(""), std::string("ab\xC3"), std::string("ab\xE2\x82"), std::string("a\xE2\x41"),
