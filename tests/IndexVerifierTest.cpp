@@ -3,10 +3,8 @@
 #include <filesystem>
 #include <functional>
 #include <random>
-#include <set>
 
 #include "IndexVerifier.h"
-#include "LittleEndian.h"
 #include "WriterTestSupport.h"
 
 using Lexarium::IndexProblem;
@@ -136,36 +134,19 @@ TEST(IndexVerifier, DeepCheckCatchesListingsThatDoNotMatchTheKeys) {
     EXPECT_NE(describe(deep).find("listed for 1 of its 2 characters"), std::string::npos) << describe(deep);
 }
 
-// Every blob cut at every record boundary (and at random offsets between)
-// is caught, with or without the deep check.
+// Every blob cut short anywhere is caught, with or without the deep check.
 TEST(IndexVerifier, EveryTruncationOfEveryBlobIsCaught) {
     Blobs blobs = sample_blobs();
     ASSERT_TRUE(verify(blobs, true).is_sound());
-    std::set<size_t> cuts[4];
-    // The table's 65535 rows: the boundaries around the rows with cells, and
-    // a spread of the empty ones.
-    for (size_t offset = 0, row = 0, previous_cells = 0; offset < blobs.table.size(); ++row) {
-        if (blobs.table[offset] != 0 || previous_cells != 0 || row % 997 == 0 || row + 3 > 65535) cuts[0].insert(offset);
-        previous_cells = blobs.table[offset];
-        offset += 1 + 8 * previous_cells;
-    }
-    for (size_t offset = 0; offset < blobs.index.size(); offset += 4) cuts[1].insert(offset);
-    for (size_t offset = 0; offset < blobs.key.size(); offset += 5 + blobs.key[offset + 4]) cuts[2].insert(offset);
-    for (size_t offset = 0; offset < blobs.data.size(); offset += 2 + Lexarium::LittleEndian::load_u16(&blobs.data[offset])) {
-        cuts[3].insert(offset);
-    }
     std::mt19937 random(5);
     std::vector<uint8> Blobs::*const members[] = {&Blobs::table, &Blobs::index, &Blobs::key, &Blobs::data};
-    size_t checked = 0;
     for (int blob = 0; blob < 4; ++blob) {
-        for (int i = 0; i < 200; ++i) cuts[blob].insert(random() % (blobs.*members[blob]).size());
-        for (size_t cut : cuts[blob]) {
-            SCOPED_TRACE("blob " + std::to_string(blob) + " cut at " + std::to_string(cut));
+        const size_t size = (blobs.*members[blob]).size();
+        for (size_t i = 0; i < 300; ++i) {
+            size_t cut = i < 100 ? size - 1 - i % size : random() % size;  // the last records, then anywhere
             Blobs damaged = blobs;
             (damaged.*members[blob]).resize(cut);
-            ASSERT_FALSE(verify(damaged, cut % 2 == 0).is_sound());
-            ++checked;
+            ASSERT_FALSE(verify(damaged, cut % 2 == 0).is_sound()) << "blob " << blob << " cut at " << cut;
         }
     }
-    EXPECT_GT(checked, 500u);
 }
