@@ -81,11 +81,6 @@ bool IndexReader::searched_form(const string& keyword, string& text, string* err
     return why.empty();
 }
 
-// The entries that hold `text` and are not in `seen` (ascending key record
-// offsets, which gains them), each once, at most `limit` of them, with
-// the position of each: position by position as search() goes, each
-// position told which entries earlier ones found so that it passes them
-// over.
 // Every occurrence of the keyword, as (character position << 32 | key
 // record offset), ascending: the order of the posting-list walk. False when
 // there is no suffix array, the keyword is not one a key could hold, it
@@ -163,6 +158,11 @@ bool IndexReader::find_by_suffixes(const Keyword& keyword, uint16 limit, std::ve
     return true;
 }
 
+// The entries that hold `text` and are not in `seen` (ascending key record
+// offsets, which gains them), each once, at most `limit` of them, with
+// the position of each: position by position as search() goes, each
+// position told which entries earlier ones found so that it passes them
+// over.
 void IndexReader::find_entries(const string& text, uint16 limit, std::vector<uint32>& seen,
                                std::vector<Found>& found) const {
     Keyword prepared = this->prepare(text);

@@ -43,8 +43,6 @@ struct IndexReader::Cell {
     uint32 position;
 };
 
-// A key that holds the keyword, between checking its record and reading
-// its value.
 // The most occurrences of a keyword for which a search with `limit`
 // collects them from the suffix array rather than walking posting lists: a
 // few binary-search steps find them all, but they must then be ordered by
@@ -52,6 +50,8 @@ struct IndexReader::Cell {
 // sooner.
 inline uint32 suffix_plan_limit(uint16 limit) { return 256 + 16 * uint32{limit}; }
 
+// A key that holds the keyword, between checking its record and reading
+// its value.
 struct IndexReader::Match {
     uint32 entry;         // the key record's offset in key.bin
     uint32 data_pointer;  // the value record's offset in data.bin
